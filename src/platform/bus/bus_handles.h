@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <memory>
+
+#include "platform/bus/bus_names.h"
+
+// Owning handles for sd-bus and sd-event objects, so that every early return
+// releases what it took.
+namespace vela::bus {
+
+struct BusUnref {
+  // Flushes queued replies before closing: a reply queued just before
+  // shutdown must still leave.
+  void operator()(sd_bus* bus) const noexcept { sd_bus_flush_close_unref(bus); }
+};
+struct MessageUnref {
+  void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
+};
+struct SlotUnref {
+  void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
+};
+struct EventUnref {
+  void operator()(sd_event* event) const noexcept { sd_event_unref(event); }
+};
+struct EventSourceUnref {
+  void operator()(sd_event_source* source) const noexcept { sd_event_source_unref(source); }
+};
+
+using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
+using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
+using SlotPtr = std::unique_ptr<sd_bus_slot, SlotUnref>;
+using EventPtr = std::unique_ptr<sd_event, EventUnref>;
+using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceUnref>;
+
+// Frees a sd_bus_error on scope exit.
+struct ScopedBusError {
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  ScopedBusError() = default;
+  ScopedBusError(const ScopedBusError&) = delete;
+  ScopedBusError& operator=(const ScopedBusError&) = delete;
+  ~ScopedBusError() { sd_bus_error_free(&error); }
+};
+
+// Opens a connection of our own (never the process's shared default one), at
+// the address that DBUS_SYSTEM_BUS_ADDRESS or DBUS_SESSION_BUS_ADDRESS names
+// when set. Returns 0 or a negative errno.
+inline int openPrivateBus(BusKind kind, BusPtr& out) {
+  sd_bus* bus = nullptr;
+  const int r = kind == BusKind::kSystem ? sd_bus_open_system(&bus) : sd_bus_open_user(&bus);
+  if (r < 0) return r;
+  out.reset(bus);
+  return 0;
+}
+
+}  // namespace vela::bus

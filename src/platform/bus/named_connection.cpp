@@ -1,0 +1,484 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/named_connection.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/bus/variant_codec.h"
+
+namespace vela::bus {
+namespace {
+
+constexpr std::string_view kErrorDisconnected = "org.freedesktop.DBus.Error.Disconnected";
+constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr std::string_view kErrorInconsistentMessage = "org.freedesktop.DBus.Error.InconsistentMessage";
+
+// Errors after which the service cannot be reached through this connection.
+bool meansUnreachable(const char* name) {
+  return name != nullptr &&
+         (std::strcmp(name, "org.freedesktop.DBus.Error.ServiceUnknown") == 0 ||
+          std::strcmp(name, "org.freedesktop.DBus.Error.NameHasNoOwner") == 0 ||
+          std::strcmp(name, "org.freedesktop.DBus.Error.AccessDenied") == 0);
+}
+
+// Handlers are the host's code; nothing they throw may unwind through sd-bus.
+template <typename Fn, typename... Args>
+void invokeGuarded(const Fn& fn, Args&&... args) noexcept {
+  if (!fn) return;
+  try {
+    fn(std::forward<Args>(args)...);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a host handler's exception must not end the connection's thread
+  }
+}
+
+struct Request {
+  std::string interface;
+  std::string member;
+  VelaDictionary args;
+  ReplyHandler onReply;
+  FailureHandler onFailure;
+};
+
+struct Subscription {
+  std::string path;
+  std::string interface;
+  std::string member;
+  SignalHandler handler;
+};
+
+}  // namespace
+
+// State shared between the handle and the connection's thread. The handle may
+// be destroyed on the connection's own thread (from inside a handler), so the
+// thread keeps this alive on its own.
+struct NamedConnection::Core {
+  std::string service;
+  BusKind bus = BusKind::kSystem;
+  pid_t pid = ::getpid();
+  int wakeFd = -1;
+
+  std::function<void()> interruptionHandler;  // set before resume
+  std::function<void()> invalidationHandler;  // set before resume
+
+  mutable std::mutex mutex;
+  std::vector<Request> requests;            // guarded by mutex
+  std::vector<Subscription> subscriptions;  // guarded by mutex
+  bool invalidateRequested = false;         // guarded by mutex
+  bool stopRequested = false;               // guarded by mutex
+  std::string owner;                        // guarded by mutex
+
+  ~Core() {
+    if (wakeFd >= 0) ::close(wakeFd);
+  }
+
+  void wake() const {
+    const std::uint64_t one = 1;
+    // The counter only saturates after 2^64 wakes; a failed write leaves an
+    // already pending wake-up in place.
+    (void)!::write(wakeFd, &one, sizeof one);
+  }
+
+  // Queues work for the loop and wakes it only when it may be asleep: the
+  // loop takes the whole queue at once.
+  template <typename Mutate>
+  void post(Mutate&& mutate) {
+    bool wasIdle = false;
+    {
+      std::lock_guard lock(mutex);
+      wasIdle = requests.empty() && subscriptions.empty();
+      mutate();
+    }
+    if (wasIdle) wake();
+  }
+};
+
+namespace {
+
+// Everything that touches sd-bus, owned by the connection's thread alone.
+class Loop {
+ public:
+  explicit Loop(std::shared_ptr<NamedConnection::Core> core) : core_(std::move(core)) {}
+  ~Loop() {
+    closeBus("connection closed");
+    wakeSource_ = sd_event_source_unref(wakeSource_);
+    event_ = sd_event_unref(event_);
+  }
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+
+  void run() {
+    if (sd_event_new(&event_) < 0) {
+      serveWithoutEventLoop();
+      return;
+    }
+    if (sd_event_add_io(event_, &wakeSource_, core_->wakeFd, EPOLLIN, &Loop::onWake, this) < 0) {
+      serveWithoutEventLoop();
+      return;
+    }
+    openBus();
+    // Requests queued before the thread started are waiting already.
+    drain();
+    if (!stopping_) sd_event_loop(event_);
+  }
+
+ private:
+  struct PendingCall {
+    Loop* loop = nullptr;
+    sd_bus_slot* slot = nullptr;
+    ReplyHandler onReply;
+    FailureHandler onFailure;
+    std::list<std::unique_ptr<PendingCall>>::iterator position;
+  };
+
+  void openBus() {
+    const int r = core_->bus == BusKind::kSystem ? sd_bus_open_system(&bus_) : sd_bus_open_user(&bus_);
+    if (r < 0) {
+      bus_ = nullptr;
+      invalidate();
+      return;
+    }
+    // A dropped bus is an interruption to report, never a reason to exit.
+    sd_bus_set_exit_on_disconnect(bus_, 0);
+    if (sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL) < 0 ||
+        sd_bus_add_filter(bus_, &filterSlot_, &Loop::onFilter, this) < 0) {
+      invalidate();
+      return;
+    }
+    const std::string rule =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+        core_->service + "'";
+    if (sd_bus_add_match_async(bus_, &ownerSlot_, rule.c_str(), &Loop::onNameOwnerChanged, nullptr, this) < 0) {
+      invalidate();
+      return;
+    }
+    // Learn the current owner, so that signals can be checked against it.
+    sd_bus_call_method_async(bus_, &ownerQuerySlot_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                             "org.freedesktop.DBus", "GetNameOwner", &Loop::onOwnerKnown, this, "s",
+                             core_->service.c_str());
+  }
+
+  // Without an event loop nothing can be sent; the thread still answers every
+  // request, with a failure, until the handle is gone.
+  void serveWithoutEventLoop() {
+    invalidate();
+    for (;;) {
+      drain();
+      if (stopping_) return;
+      pollfd pfd{core_->wakeFd, POLLIN, 0};
+      (void)::poll(&pfd, 1, -1);
+    }
+  }
+
+  static int onWake(sd_event_source* /*source*/, int fd, uint32_t /*events*/, void* userdata) {
+    std::uint64_t count = 0;
+    (void)!::read(fd, &count, sizeof count);
+    static_cast<Loop*>(userdata)->drain();
+    return 0;
+  }
+
+  void drain() {
+    if (core_->wakeFd >= 0 && event_ == nullptr) {
+      std::uint64_t count = 0;
+      (void)!::read(core_->wakeFd, &count, sizeof count);
+    }
+    std::vector<Request> requests;
+    std::vector<Subscription> subscriptions;
+    bool invalidateRequested = false;
+    {
+      std::lock_guard lock(core_->mutex);
+      requests.swap(core_->requests);
+      subscriptions.swap(core_->subscriptions);
+      invalidateRequested = core_->invalidateRequested;
+      stopping_ = core_->stopRequested;
+    }
+    if (invalidateRequested) invalidate();
+    for (Subscription& subscription : subscriptions) subscribe(std::move(subscription));
+    for (Request& request : requests) send(std::move(request));
+    if (stopping_ && event_ != nullptr) sd_event_exit(event_, 0);
+  }
+
+  void send(Request request) {
+    if (invalidated_ || bus_ == nullptr) {
+      invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection invalidated"));
+      return;
+    }
+    sd_bus_message* message = nullptr;
+    int r = sd_bus_message_new_method_call(bus_, &message, core_->service.c_str(), kObjectPath.data(),
+                                           request.interface.c_str(), request.member.c_str());
+    if (r >= 0) r = appendDictionary(message, request.args);
+    if (r < 0) {
+      sd_bus_message_unref(message);
+      const bool badArgs = r == -EINVAL;
+      invokeGuarded(request.onFailure,
+                    badArgs ? transportError(kErrorInvalidArgs, EINVAL, "arguments cannot be sent")
+                            : transportError(kErrorDisconnected, -r, std::strerror(-r)));
+      return;
+    }
+    if (!request.onReply) {
+      sd_bus_message_set_expect_reply(message, 0);
+      r = sd_bus_send(bus_, message, nullptr);
+      sd_bus_message_unref(message);
+      if (r < 0) invokeGuarded(request.onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
+      return;
+    }
+    auto call = std::make_unique<PendingCall>();
+    PendingCall* raw = call.get();
+    raw->loop = this;
+    raw->onReply = std::move(request.onReply);
+    raw->onFailure = std::move(request.onFailure);
+    // No sd-bus time-out: a request waits for its answer or for the
+    // connection to fail. Callers that need a deadline keep their own.
+    r = sd_bus_call_async(bus_, &raw->slot, message, &Loop::onReply, raw, UINT64_MAX);
+    sd_bus_message_unref(message);
+    if (r < 0) {
+      invokeGuarded(raw->onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
+      return;
+    }
+    pending_.push_front(std::move(call));
+    raw->position = pending_.begin();
+  }
+
+  static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+    auto* raw = static_cast<PendingCall*>(userdata);
+    Loop* loop = raw->loop;
+    std::unique_ptr<PendingCall> call = std::move(*raw->position);
+    loop->pending_.erase(raw->position);
+    // sd-bus holds its own reference while it dispatches, so dropping ours
+    // here is safe and keeps the slot from outliving the call.
+    sd_bus_slot_unref(call->slot);
+    call->slot = nullptr;
+
+    if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
+      const sd_bus_error* error = sd_bus_message_get_error(reply);
+      const int errnoCode = sd_bus_message_get_errno(reply);
+      invokeGuarded(call->onFailure, transportError(error->name != nullptr ? error->name : "",
+                                                    errnoCode > 0 ? errnoCode : EIO,
+                                                    error->message != nullptr ? error->message : ""));
+      if (meansUnreachable(error->name)) loop->invalidate();
+      return 0;
+    }
+    std::string whyNot = "reply is not a{sv}";
+    std::optional<VelaDictionary> dict;
+    if (sd_bus_message_has_signature(reply, "a{sv}") > 0) dict = readDictionary(reply, &whyNot);
+    if (!dict) {
+      invokeGuarded(call->onFailure, transportError(kErrorInconsistentMessage, EBADMSG, whyNot));
+      return 0;
+    }
+    invokeGuarded(call->onReply, std::move(*dict));
+    return 0;
+  }
+
+  void subscribe(Subscription subscription) {
+    if (invalidated_ || bus_ == nullptr) return;
+    auto owned = std::make_unique<Subscription>(std::move(subscription));
+    sd_bus_slot* slot = nullptr;
+    if (sd_bus_match_signal_async(bus_, &slot, nullptr, owned->path.c_str(), owned->interface.c_str(),
+                                  owned->member.c_str(), &Loop::onSignal, nullptr, owned.get()) < 0) {
+      return;
+    }
+    subscriptions_.emplace_back(slot, std::move(owned));
+  }
+
+  static int onSignal(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    const auto* subscription = static_cast<const Subscription*>(userdata);
+    const char* sender = sd_bus_message_get_sender(message);
+    std::optional<VelaArray> body = readBody(message);
+    // A signal that does not decode is dropped: its sender is not to be trusted.
+    if (!body || sender == nullptr) return 0;
+    invokeGuarded(subscription->handler, std::string(sender), *body);
+    return 0;
+  }
+
+  static int onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    auto* loop = static_cast<Loop*>(userdata);
+    const char* name = nullptr;
+    const char* oldOwner = nullptr;
+    const char* newOwner = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
+    {
+      std::lock_guard lock(loop->core_->mutex);
+      loop->core_->owner = newOwner;
+    }
+    if (oldOwner[0] != '\0') loop->interrupt();
+    return 0;
+  }
+
+  static int onOwnerKnown(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+    auto* loop = static_cast<Loop*>(userdata);
+    loop->ownerQuerySlot_ = sd_bus_slot_unref(loop->ownerQuerySlot_);
+    const char* owner = nullptr;
+    if (sd_bus_message_is_method_error(reply, nullptr) == 0 && sd_bus_message_read(reply, "s", &owner) >= 0) {
+      std::lock_guard lock(loop->core_->mutex);
+      // A NameOwnerChanged that arrived first is newer; keep it.
+      if (loop->core_->owner.empty()) loop->core_->owner = owner;
+    }
+    return 0;
+  }
+
+  // The only local signal sd-bus synthesises is the loss of the bus itself.
+  static int onFilter(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+      static_cast<Loop*>(userdata)->interrupt();
+    }
+    return 0;
+  }
+
+  void interrupt() {
+    if (interrupted_ || invalidated_) return;
+    interrupted_ = true;
+    invokeGuarded(core_->interruptionHandler);
+  }
+
+  void invalidate() {
+    if (invalidated_) return;
+    invalidated_ = true;
+    closeBus("connection invalidated");
+    invokeGuarded(core_->invalidationHandler);
+  }
+
+  // Fails what is in flight and lets go of the bus. Handlers run after the
+  // bookkeeping is done, since they may queue new requests.
+  void closeBus(const char* why) {
+    std::list<std::unique_ptr<PendingCall>> failed;
+    failed.swap(pending_);
+    for (auto& call : failed) call->slot = sd_bus_slot_unref(call->slot);
+    for (auto& [slot, subscription] : subscriptions_) sd_bus_slot_unref(slot);
+    subscriptions_.clear();
+    filterSlot_ = sd_bus_slot_unref(filterSlot_);
+    ownerSlot_ = sd_bus_slot_unref(ownerSlot_);
+    ownerQuerySlot_ = sd_bus_slot_unref(ownerQuerySlot_);
+    if (bus_ != nullptr) {
+      sd_bus_detach_event(bus_);
+      bus_ = sd_bus_close_unref(bus_);
+    }
+    if (!failed.empty()) {
+      const VelaError error = transportError(kErrorDisconnected, ENOTCONN, why);
+      for (auto& call : failed) invokeGuarded(call->onFailure, error);
+    }
+  }
+
+  std::shared_ptr<NamedConnection::Core> core_;
+  sd_event* event_ = nullptr;
+  sd_event_source* wakeSource_ = nullptr;
+  sd_bus* bus_ = nullptr;
+  sd_bus_slot* filterSlot_ = nullptr;
+  sd_bus_slot* ownerSlot_ = nullptr;
+  sd_bus_slot* ownerQuerySlot_ = nullptr;
+  std::list<std::unique_ptr<PendingCall>> pending_;
+  std::vector<std::pair<sd_bus_slot*, std::unique_ptr<Subscription>>> subscriptions_;
+  bool interrupted_ = false;
+  bool invalidated_ = false;
+  bool stopping_ = false;
+};
+
+}  // namespace
+
+VelaError transportError(std::string_view name, int errnoCode, std::string_view message) {
+  VelaDictionary userInfo;
+  if (!message.empty()) userInfo.emplace(kVelaErrorFailureReasonKey, std::string(message));
+  return VelaError(std::string(name.empty() ? kErrorDisconnected : name), errnoCode, std::move(userInfo));
+}
+
+std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {
+  auto core = std::make_shared<Core>();
+  core->service = std::move(serviceName);
+  core->bus = (options & kPrivilegedOption) != 0 ? BusKind::kSystem : BusKind::kSession;
+  core->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return std::shared_ptr<NamedConnection>(new NamedConnection(std::move(core)));
+}
+
+NamedConnection::NamedConnection(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+NamedConnection::~NamedConnection() {
+  {
+    std::lock_guard lock(core_->mutex);
+    core_->stopRequested = true;
+  }
+  if (!thread_.joinable()) {
+    // Never resumed: fail whatever was queued, as the thread would have.
+    std::vector<Request> requests;
+    {
+      std::lock_guard lock(core_->mutex);
+      requests.swap(core_->requests);
+    }
+    for (Request& request : requests) {
+      invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection closed"));
+    }
+    return;
+  }
+  core_->wake();
+  // From inside one of its own handlers, or in a forked child where the
+  // thread does not exist, the thread cannot be joined; it ends by itself.
+  if (thread_.get_id() == std::this_thread::get_id() || !belongsToThisProcess()) {
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}
+
+void NamedConnection::setInterruptionHandler(std::function<void()> handler) {
+  core_->interruptionHandler = std::move(handler);
+}
+
+void NamedConnection::setInvalidationHandler(std::function<void()> handler) {
+  core_->invalidationHandler = std::move(handler);
+}
+
+void NamedConnection::resume() {
+  if (thread_.joinable()) return;
+  if (core_->wakeFd < 0) {
+    invalidate();
+  }
+  thread_ = std::thread([core = core_] {
+    if (core->wakeFd < 0) return;
+    Loop loop(core);
+    loop.run();
+  });
+}
+
+void NamedConnection::invalidate() {
+  core_->post([this] { core_->invalidateRequested = true; });
+  // post() wakes only an idle queue; an invalidation must always be seen.
+  core_->wake();
+}
+
+bool NamedConnection::belongsToThisProcess() const noexcept { return core_->pid == ::getpid(); }
+
+void NamedConnection::callMethod(std::string_view interface, std::string_view member, VelaDictionary args,
+                                 ReplyHandler onReply, FailureHandler onFailure) {
+  if (!belongsToThisProcess() || core_->wakeFd < 0) {
+    invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
+    return;
+  }
+  core_->post([&] {
+    core_->requests.push_back(
+        Request{std::string(interface), std::string(member), std::move(args), std::move(onReply), std::move(onFailure)});
+  });
+}
+
+void NamedConnection::subscribeSignal(std::string path, std::string interface, std::string member,
+                                      SignalHandler handler) {
+  core_->post([&] {
+    core_->subscriptions.push_back(
+        Subscription{std::move(path), std::move(interface), std::move(member), std::move(handler)});
+  });
+}
+
+std::string NamedConnection::serviceOwner() const {
+  std::lock_guard lock(core_->mutex);
+  return core_->owner;
+}
+
+}  // namespace vela::bus

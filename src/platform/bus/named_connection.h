@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include <vela/VelaError.h>
+#include <vela/VelaValue.h>
+
+#include "platform/bus/bus_names.h"
+
+namespace vela::bus {
+
+using ReplyHandler = std::function<void(VelaDictionary reply)>;
+using FailureHandler = std::function<void(const VelaError& error)>;
+using SignalHandler = std::function<void(const std::string& sender, const VelaArray& body)>;
+
+// A connection to one named service, with a thread of its own.
+//
+// The connection opens a private bus connection (never the process's shared
+// one) and runs its event loop on "the connection's thread". Everything that
+// touches sd-bus happens there: other threads hand their requests over
+// through a queue and wake the loop. Replies, failures and the interruption
+// and invalidation handlers all run on that thread.
+//
+// Interruption: the service's name lost its owner, or the bus dropped.
+// Invalidation: the service cannot be reached (no owner and no activation,
+// access denied, no bus), or invalidate() was called. After invalidation every
+// request fails at once; a new connection is needed.
+class NamedConnection {
+ public:
+  // `options` with kPrivilegedOption selects the system bus, else the session
+  // bus. Nothing is opened before resume().
+  static std::shared_ptr<NamedConnection> create(std::string serviceName, unsigned options);
+  ~NamedConnection();
+  NamedConnection(const NamedConnection&) = delete;
+  NamedConnection& operator=(const NamedConnection&) = delete;
+
+  // Set both before resume(). Each runs at most once, on the connection's thread.
+  void setInterruptionHandler(std::function<void()> handler);
+  void setInvalidationHandler(std::function<void()> handler);
+
+  // Starts the connection's thread and connects. Thread: any, once.
+  void resume();
+
+  // Fails every request in flight and every later one, then runs the
+  // invalidation handler. Thread: any, the connection's own included.
+  void invalidate();
+
+  // False in a child after fork(): the connection's thread does not exist
+  // there, so the connection must be replaced, not used.
+  bool belongsToThisProcess() const noexcept;
+
+  // Sends one method call to the service's object at kObjectPath. Exactly one
+  // of `onReply` and `onFailure` runs later, on the connection's thread. With
+  // an empty `onReply` the service is asked not to answer, and `onFailure`
+  // runs only if the call could not be sent. Thread: any.
+  void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
+                  FailureHandler onFailure);
+
+  // Delivers signals `interface.member` from the object at `path` to
+  // `handler` on the connection's thread, each with the unique name of its
+  // sender and its arguments. Subscriptions last as long as the connection.
+  void subscribeSignal(std::string path, std::string interface, std::string member, SignalHandler handler);
+
+  // The unique bus name currently owning the service, or "" when none is
+  // known. Thread: any.
+  std::string serviceOwner() const;
+
+  struct Core;
+
+ private:
+  explicit NamedConnection(std::shared_ptr<Core> core);
+
+  std::shared_ptr<Core> core_;
+  std::thread thread_;
+};
+
+// The error a transport failure is reported with: `name` is a D-Bus error
+// name, `errnoCode` a positive errno value.
+VelaError transportError(std::string_view name, int errnoCode, std::string_view message);
+
+}  // namespace vela::bus

@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/service_host.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <utility>
+
+#include "platform/bus/bus_handles.h"
+#include "platform/bus/variant_codec.h"
+
+namespace vela::bus {
+namespace {
+
+// Argument names as sd-bus wants them: inputs then outputs, each
+// NUL-terminated.
+constexpr char kParameterNames[] = "request\0reply\0";
+constexpr char kDictionarySignature[] = "a{sv}";
+
+// Timers must fire close to when they were asked for: tests measure delays,
+// and sd-event would otherwise coalesce them within 250 ms.
+constexpr std::uint64_t kTimerAccuracyUs = 1000;
+
+sd_bus_vtable zeroedVtableEntry() {
+  // The entry is a union; the parts a kind of entry does not use must be
+  // zero, so start from all-zero bytes rather than from an initializer.
+  sd_bus_vtable entry;
+  std::memset(&entry, 0, sizeof entry);
+  return entry;
+}
+
+bool fitsInt32(std::int64_t v) {
+  return v >= std::numeric_limits<std::int32_t>::min() && v <= std::numeric_limits<std::int32_t>::max();
+}
+
+int appendReplyDictionary(sd_bus_message* m, const VelaDictionary& values,
+                          std::span<const std::string_view> int32Keys) {
+  if (int32Keys.empty()) return appendDictionary(m, values);
+  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "{sv}");
+  for (const auto& [key, value] : values) {
+    if (r < 0) return r;
+    if (key.find('\0') != std::string::npos) return -EINVAL;
+    r = sd_bus_message_open_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
+    if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, key.c_str());
+    const std::int64_t* integer = value.getIf<std::int64_t>();
+    if (r >= 0 && integer != nullptr && fitsInt32(*integer) &&
+        std::find(int32Keys.begin(), int32Keys.end(), key) != int32Keys.end()) {
+      const auto narrow = static_cast<std::int32_t>(*integer);
+      r = sd_bus_message_append(m, "v", "i", narrow);
+    } else if (r >= 0) {
+      r = appendVariant(m, value);
+    }
+    if (r >= 0) r = sd_bus_message_close_container(m);
+  }
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+// Sends a method return built by `fill`; a body that cannot be built turns
+// into a Failed error so the caller is answered all the same.
+template <typename Fill>
+int sendMethodReturn(sd_bus_message* call, Fill&& fill) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_return(call, &raw);
+  if (r < 0) return r;
+  MessagePtr reply(raw);
+  r = fill(reply.get());
+  if (r < 0) {
+    sd_bus_reply_method_errorf(call, std::string(kFailedError).c_str(), "the reply could not be encoded: %s",
+                               std::strerror(-r));
+    return r;
+  }
+  r = sd_bus_send(nullptr, reply.get(), nullptr);
+  return r < 0 ? r : 0;
+}
+
+int terminationSignalReceived(sd_event_source* source, const struct signalfd_siginfo* /*info*/, void* /*userdata*/) {
+  return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
+}  // namespace
+
+// --- ReplyToken ------------------------------------------------------------
+
+ReplyToken::~ReplyToken() { sd_bus_message_unref(call_); }
+
+ReplyToken::ReplyToken(ReplyToken&& other) noexcept : call_(std::exchange(other.call_, nullptr)) {}
+
+ReplyToken& ReplyToken::operator=(ReplyToken&& other) noexcept {
+  if (this != &other) {
+    sd_bus_message_unref(call_);
+    call_ = std::exchange(other.call_, nullptr);
+  }
+  return *this;
+}
+
+bool ReplyToken::expectsReply() const noexcept { return call_ != nullptr && sd_bus_message_get_expect_reply(call_) > 0; }
+
+sd_bus_message* ReplyToken::release() noexcept { return std::exchange(call_, nullptr); }
+
+int ReplyToken::reply(const VelaDictionary& values, std::span<const std::string_view> int32Keys) {
+  const MessagePtr call(release());
+  if (!call) return -EALREADY;
+  if (sd_bus_message_get_expect_reply(call.get()) <= 0) return 0;
+  return sendMethodReturn(call.get(),
+                          [&](sd_bus_message* reply) { return appendReplyDictionary(reply, values, int32Keys); });
+}
+
+int ReplyToken::replyError(std::string_view name, std::string_view message) {
+  const MessagePtr call(release());
+  if (!call) return -EALREADY;
+  if (sd_bus_message_get_expect_reply(call.get()) <= 0) return 0;
+  const std::string errorName(name);
+  const std::string errorMessage(message);
+  const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(errorName.c_str(), errorMessage.c_str());
+  const int r = sd_bus_reply_method_error(call.get(), &error);
+  return r < 0 ? r : 0;
+}
+
+int ReplyToken::replyWithString(std::string_view text) {
+  const MessagePtr call(release());
+  if (!call) return -EALREADY;
+  if (sd_bus_message_get_expect_reply(call.get()) <= 0) return 0;
+  const std::string body(text);
+  return sendMethodReturn(call.get(), [&](sd_bus_message* reply) {
+    return sd_bus_message_append_basic(reply, SD_BUS_TYPE_STRING, body.c_str());
+  });
+}
+
+// --- ServiceHost -----------------------------------------------------------
+
+struct ServiceHost::Export {
+  std::string interface;
+  // sd-bus keeps pointers into the vtable and its member names for as long
+  // as the slot lives, so both stay here, unmoved, until the slot is gone.
+  std::vector<std::string> members;
+  std::vector<sd_bus_vtable> vtable;
+  CallHandler handler;
+  sd_bus_slot* slot = nullptr;
+
+  Export() = default;
+  Export(const Export&) = delete;
+  Export& operator=(const Export&) = delete;
+  ~Export() { sd_bus_slot_unref(slot); }
+};
+
+struct ServiceHost::Timer {
+  ServiceHost* host = nullptr;
+  sd_event_source* source = nullptr;
+  std::function<void()> fire;
+
+  Timer() = default;
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+  ~Timer() { sd_event_source_unref(source); }
+};
+
+std::unique_ptr<ServiceHost> ServiceHost::open(BusKind kind, std::string* whyNot) {
+  auto fail = [whyNot](const char* what, int r) -> std::unique_ptr<ServiceHost> {
+    if (whyNot != nullptr) *whyNot = std::string(what) + ": " + std::strerror(-r);
+    return nullptr;
+  };
+  std::unique_ptr<ServiceHost> host(new ServiceHost());
+  int r = sd_event_new(&host->event_);
+  if (r < 0) return fail("cannot create an event loop", r);
+  BusPtr bus;
+  r = openPrivateBus(kind, bus);
+  if (r < 0) return fail(kind == BusKind::kSystem ? "cannot connect to the system bus" : "cannot connect to the session bus", r);
+  r = sd_bus_attach_event(bus.get(), host->event_, SD_EVENT_PRIORITY_NORMAL);
+  if (r < 0) return fail("cannot attach the bus to the event loop", r);
+  // Without its bus a daemon has nothing left to do: end the loop.
+  r = sd_bus_set_exit_on_disconnect(bus.get(), 1);
+  if (r < 0) return fail("cannot watch the bus connection", r);
+  host->bus_ = bus.release();
+  return host;
+}
+
+ServiceHost::~ServiceHost() {
+  // Timers first: their closures may hold reply tokens, which hold the bus.
+  timers_.clear();
+  for (sd_event_source* source : signalSources_) sd_event_source_unref(source);
+  exports_.clear();
+  if (bus_ != nullptr) {
+    sd_bus_detach_event(bus_);
+    sd_bus_flush_close_unref(bus_);
+  }
+  sd_event_unref(event_);
+}
+
+int ServiceHost::exportInterface(std::string_view path, std::string_view interface, std::vector<std::string> members,
+                                 CallHandler handler) {
+  auto exported = std::make_unique<Export>();
+  exported->interface = std::string(interface);
+  exported->members = std::move(members);
+  exported->handler = std::move(handler);
+
+  sd_bus_vtable start = zeroedVtableEntry();
+  start.type = _SD_BUS_VTABLE_START;
+  start.x.start.element_size = sizeof(sd_bus_vtable);
+  start.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
+  start.x.start.vtable_format_reference = &sd_bus_object_vtable_format;
+  exported->vtable.push_back(start);
+  for (const std::string& member : exported->members) {
+    if (!sd_bus_member_name_is_valid(member.c_str())) return -EINVAL;
+    sd_bus_vtable method = zeroedVtableEntry();
+    method.type = _SD_BUS_VTABLE_METHOD;
+    // Who may call is the bus policy's decision, not the service's.
+    method.flags = SD_BUS_VTABLE_UNPRIVILEGED;
+    method.x.method.member = member.c_str();
+    method.x.method.signature = kDictionarySignature;
+    method.x.method.result = kDictionarySignature;
+    method.x.method.handler = &ServiceHost::methodCalled;
+    method.x.method.names = kParameterNames;
+    exported->vtable.push_back(method);
+  }
+  sd_bus_vtable end = zeroedVtableEntry();
+  end.type = _SD_BUS_VTABLE_END;
+  exported->vtable.push_back(end);
+
+  const std::string objectPath(path);
+  const int r = sd_bus_add_object_vtable(bus_, &exported->slot, objectPath.c_str(), exported->interface.c_str(),
+                                         exported->vtable.data(), exported.get());
+  if (r < 0) return r;
+  exports_.push_back(std::move(exported));
+  return 0;
+}
+
+int ServiceHost::methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error) {
+  const Export& exported = *static_cast<const Export*>(userdata);
+  try {
+    IncomingCall call;
+    call.interface = exported.interface;
+    const char* member = sd_bus_message_get_member(message);
+    const char* sender = sd_bus_message_get_sender(message);
+    call.member = member != nullptr ? member : "";
+    call.sender = sender != nullptr ? sender : "";
+    call.args = readDictionary(message, &call.argsProblem);
+    if (!call.args && call.argsProblem.empty()) call.argsProblem = "the request is not a property-list dictionary";
+    call.reply = ReplyToken(sd_bus_message_ref(message));
+    exported.handler(std::move(call));
+  } catch (const std::exception& e) {
+    // Nothing may unwind into sd-bus; the caller gets an error instead.
+    return sd_bus_error_set(error, std::string(kFailedError).c_str(), e.what());
+  } catch (...) {
+    return sd_bus_error_set(error, std::string(kFailedError).c_str(), "the request handler failed");
+  }
+  // Answered now, later through the token, or never.
+  return 1;
+}
+
+int ServiceHost::requestName(std::string_view name) {
+  const int r = sd_bus_request_name(bus_, std::string(name).c_str(), 0);
+  return r < 0 ? r : 0;
+}
+
+std::string ServiceHost::uniqueName() const {
+  const char* unique = nullptr;
+  if (sd_bus_get_unique_name(bus_, &unique) < 0 || unique == nullptr) return {};
+  return unique;
+}
+
+int ServiceHost::emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                                  std::string_view destination) {
+  const std::string interface(center);
+  std::string path = "/" + interface;
+  std::replace(path.begin(), path.end(), '.', '/');
+  if (!sd_bus_interface_name_is_valid(interface.c_str()) || !sd_bus_object_path_is_valid(path.c_str())) {
+    return -EINVAL;
+  }
+  if (name.find('\0') != std::string_view::npos) return -EINVAL;
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_signal(bus_, &raw, path.c_str(), interface.c_str(), "Notification");
+  if (r < 0) return r;
+  const MessagePtr signal(raw);
+  r = sd_bus_message_append_basic(signal.get(), SD_BUS_TYPE_STRING, std::string(name).c_str());
+  if (r >= 0) r = appendDictionary(signal.get(), userInfo);
+  if (r >= 0 && !destination.empty()) {
+    r = sd_bus_message_set_destination(signal.get(), std::string(destination).c_str());
+  }
+  if (r >= 0) r = sd_bus_send(bus_, signal.get(), nullptr);
+  return r < 0 ? r : 0;
+}
+
+int ServiceHost::addTimer(std::chrono::microseconds delay, std::function<void()> fire) {
+  auto timer = std::make_unique<Timer>();
+  timer->host = this;
+  timer->fire = std::move(fire);
+  const auto usec = static_cast<std::uint64_t>(std::max<std::int64_t>(delay.count(), 0));
+  const int r = sd_event_add_time_relative(event_, &timer->source, CLOCK_MONOTONIC, usec, kTimerAccuracyUs,
+                                           &ServiceHost::timerFired, timer.get());
+  if (r < 0) return r;
+  Timer* key = timer.get();
+  timers_.emplace(key, std::move(timer));
+  return 0;
+}
+
+int ServiceHost::timerFired(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* userdata) {
+  auto* timer = static_cast<Timer*>(userdata);
+  auto node = timer->host->timers_.extract(timer);
+  std::function<void()> fire = std::move(timer->fire);
+  // Frees the timer and its source; sd-event allows a source to be released
+  // from inside its own callback.
+  node = {};
+  try {
+    fire();
+  } catch (...) {
+    // A timer has nobody to report to; the loop must keep running.
+  }
+  return 0;
+}
+
+int ServiceHost::watchTerminationSignals() {
+  if (!signalSources_.empty()) return 0;
+  // sd-event reads signals through a signalfd, which sees only blocked ones.
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGINT);
+  int r = -pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+  if (r < 0) return r;
+  for (const int signalNumber : {SIGTERM, SIGINT}) {
+    sd_event_source* source = nullptr;
+    r = sd_event_add_signal(event_, &source, signalNumber, &terminationSignalReceived, nullptr);
+    if (r < 0) return r;
+    signalSources_.push_back(source);
+  }
+  return 0;
+}
+
+int ServiceHost::run() {
+  const int r = watchTerminationSignals();
+  if (r < 0) return r;
+  return sd_event_loop(event_);
+}
+
+void ServiceHost::exit(int code) { sd_event_exit(event_, code); }
+
+}  // namespace vela::bus

@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <vela/VelaValue.h>
+
+#include "platform/bus/bus_names.h"
+
+struct sd_bus;
+struct sd_bus_error;
+struct sd_bus_message;
+struct sd_event;
+struct sd_event_source;
+
+// The serving side of the bus: what velad stands on.
+//
+// THREADING: a ServiceHost and everything it hands out (calls, reply tokens)
+// belong to the thread that calls run(). Handlers and timers run there, one
+// at a time; nothing here is safe to touch from another thread.
+//
+// LIFETIME: the host owns its bus connection and event loop. Reply tokens may
+// outlive it; answering through one then fails with -ENOTCONN.
+namespace vela::bus {
+
+// D-Bus error names the host and its users answer with.
+inline constexpr std::string_view kInvalidArgsError = "org.freedesktop.DBus.Error.InvalidArgs";
+inline constexpr std::string_view kFailedError = "org.freedesktop.DBus.Error.Failed";
+
+// The right to answer one method call, at most once. Move-only.
+//
+// A token that is dropped unanswered releases the call without a reply; the
+// caller then runs into its own timeout. When the caller asked for no reply,
+// answering does nothing and succeeds.
+class ReplyToken {
+ public:
+  ReplyToken() = default;
+  ~ReplyToken();
+  ReplyToken(ReplyToken&& other) noexcept;
+  ReplyToken& operator=(ReplyToken&& other) noexcept;
+  ReplyToken(const ReplyToken&) = delete;
+  ReplyToken& operator=(const ReplyToken&) = delete;
+
+  // False once answered or moved from.
+  bool pending() const noexcept { return call_ != nullptr; }
+  // False when the caller set the no-reply-expected flag.
+  bool expectsReply() const noexcept;
+
+  // Answers with `values` as a{sv}. Integers under `int32Keys` travel as 'i'
+  // when they fit in 32 bits; everything else as the property-list mapping
+  // says. If the values cannot be encoded the caller gets a Failed error
+  // instead, so it is never left waiting. Returns 0 or a negative errno.
+  int reply(const VelaDictionary& values, std::span<const std::string_view> int32Keys = {});
+  // Answers with a D-Bus error. Returns 0 or a negative errno.
+  int replyError(std::string_view name, std::string_view message);
+  // Answers with a body of one string where a{sv} is promised: a deliberately
+  // malformed reply, for testing clients. Returns 0 or a negative errno.
+  int replyWithString(std::string_view text);
+
+ private:
+  friend class ServiceHost;
+  explicit ReplyToken(sd_bus_message* call) noexcept : call_(call) {}
+
+  // Takes the call out of the token; the caller owns the reference.
+  sd_bus_message* release() noexcept;
+
+  sd_bus_message* call_ = nullptr;
+};
+
+// One method call, as the host hands it to a handler.
+struct IncomingCall {
+  std::string interface;
+  std::string member;
+  // Unique bus name of the caller.
+  std::string sender;
+  // The request; nullopt when the a{sv} held a value with no property-list
+  // meaning. `argsProblem` then says what was wrong.
+  std::optional<VelaDictionary> args;
+  std::string argsProblem;
+  ReplyToken reply;
+};
+
+using CallHandler = std::function<void(IncomingCall call)>;
+
+class ServiceHost {
+ public:
+  // Opens a connection of its own to the system or session bus (at the
+  // address DBUS_SYSTEM_BUS_ADDRESS / DBUS_SESSION_BUS_ADDRESS give, when
+  // set) and an event loop. nullptr on failure, with the reason in `whyNot`.
+  static std::unique_ptr<ServiceHost> open(BusKind kind, std::string* whyNot = nullptr);
+
+  ~ServiceHost();
+  ServiceHost(const ServiceHost&) = delete;
+  ServiceHost& operator=(const ServiceHost&) = delete;
+
+  // Serves `interface` at `path` with `members`, each a{sv} "request" ->
+  // a{sv} "reply", visible to introspection. Calls whose body is not an a{sv}
+  // are refused with InvalidArgs before they reach `handler`. Returns 0 or a
+  // negative errno.
+  int exportInterface(std::string_view path, std::string_view interface, std::vector<std::string> members,
+                      CallHandler handler);
+
+  // Takes the well-known name; fails with -EEXIST when another connection
+  // owns it. Export interfaces first, so the name never points at an empty
+  // object. Blocks: until the bus answers.
+  int requestName(std::string_view name);
+
+  // This connection's unique bus name, "" if unknown.
+  std::string uniqueName() const;
+
+  // Emits Notification(s name, a{sv} userInfo) on interface `center` at the
+  // path made from it ("/" + center, dots as slashes). An empty `destination`
+  // broadcasts; otherwise only that unique name receives it. Returns 0 or a
+  // negative errno (-EINVAL for a center that makes no valid interface or path).
+  int emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                       std::string_view destination = {});
+
+  // Runs `fire` once, `delay` from now, on the loop. Timers that have not
+  // fired when the host goes away are dropped unrun. Returns 0 or a negative
+  // errno.
+  int addTimer(std::chrono::microseconds delay, std::function<void()> fire);
+
+  // Runs the event loop on the calling thread until exit(), SIGTERM, SIGINT
+  // or the loss of the bus. SIGTERM and SIGINT are blocked on this thread
+  // from then on (the loop reads them). Returns the exit code: 0 after a
+  // signal, 1 after the bus went away, a negative errno on failure.
+  int run();
+
+  // Makes run() return `code` once the current handler is done.
+  void exit(int code);
+
+ private:
+  struct Export;
+  struct Timer;
+
+  ServiceHost() = default;
+
+  static int methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error);
+  static int timerFired(sd_event_source* source, std::uint64_t usec, void* userdata);
+  int watchTerminationSignals();
+
+  sd_bus* bus_ = nullptr;
+  sd_event* event_ = nullptr;
+  std::vector<std::unique_ptr<Export>> exports_;
+  std::unordered_map<Timer*, std::unique_ptr<Timer>> timers_;
+  std::vector<sd_event_source*> signalSources_;
+};
+
+}  // namespace vela::bus

@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/test_bus_client.h"
+
+#include <systemd/sd-bus.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/bus/bus_handles.h"
+#include "platform/bus/variant_codec.h"
+
+namespace vela::bus {
+namespace {
+
+std::uint64_t toMicroseconds(std::chrono::milliseconds timeout) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(timeout.count(), 1)) * 1000U;
+}
+
+const char* orEmpty(const char* s) { return s != nullptr ? s : ""; }
+
+CallResult localFailure(int r) {
+  CallResult result;
+  result.errorName = "local.errno";
+  result.errorMessage = std::strerror(-r);
+  return result;
+}
+
+}  // namespace
+
+std::unique_ptr<TestBusClient> TestBusClient::open(BusKind kind, std::string* whyNot) {
+  BusPtr bus;
+  int r = openPrivateBus(kind, bus);
+  sd_bus_slot* filter = nullptr;
+  std::unique_ptr<TestBusClient> client(new TestBusClient());
+  if (r >= 0) r = sd_bus_add_filter(bus.get(), &filter, &TestBusClient::anyMessageArrived, client.get());
+  if (r < 0) {
+    if (whyNot != nullptr) *whyNot = std::string("cannot connect to the bus: ") + std::strerror(-r);
+    return nullptr;
+  }
+  client->bus_ = bus.release();
+  client->filter_ = filter;
+  return client;
+}
+
+TestBusClient::~TestBusClient() {
+  for (sd_bus_slot* match : matches_) sd_bus_slot_unref(match);
+  sd_bus_slot_unref(filter_);
+  sd_bus_flush_close_unref(bus_);
+}
+
+std::string TestBusClient::uniqueName() const {
+  const char* unique = nullptr;
+  if (sd_bus_get_unique_name(bus_, &unique) < 0) return {};
+  return orEmpty(unique);
+}
+
+std::string TestBusClient::nameOwner(std::string_view name) {
+  ScopedBusError error;
+  sd_bus_message* raw = nullptr;
+  const int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                   "GetNameOwner", &error.error, &raw, "s", std::string(name).c_str());
+  if (r < 0) return {};
+  const MessagePtr reply(raw);
+  const char* owner = nullptr;
+  if (sd_bus_message_read(reply.get(), "s", &owner) < 0) return {};
+  return orEmpty(owner);
+}
+
+CallResult TestBusClient::finishCall(sd_bus_message* request, std::chrono::milliseconds timeout) {
+  ScopedBusError error;
+  sd_bus_message* raw = nullptr;
+  const int r = sd_bus_call(bus_, request, toMicroseconds(timeout), &error.error, &raw);
+  const MessagePtr reply(raw);
+  CallResult result;
+  if (r < 0) {
+    result.errorName = error.error.name != nullptr ? error.error.name : "local.errno";
+    result.errorMessage = error.error.message != nullptr ? error.error.message : std::strerror(-r);
+    return result;
+  }
+  result.signature = orEmpty(sd_bus_message_get_signature(reply.get(), 1));
+  if (result.signature == "a{sv}") {
+    result.reply = readDictionary(reply.get());
+  } else if (result.signature == "s") {
+    const char* text = nullptr;
+    if (sd_bus_message_read_basic(reply.get(), SD_BUS_TYPE_STRING, &text) > 0) result.text = orEmpty(text);
+  }
+  return result;
+}
+
+CallResult TestBusClient::call(const MethodTarget& target, std::string_view member, const VelaDictionary& args,
+                               std::chrono::milliseconds timeout) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
+                                         target.interface.c_str(), std::string(member).c_str());
+  if (r < 0) return localFailure(r);
+  const MessagePtr request(raw);
+  r = appendDictionary(request.get(), args);
+  if (r < 0) return localFailure(r);
+  return finishCall(request.get(), timeout);
+}
+
+CallResult TestBusClient::callWithString(const MethodTarget& target, std::string_view member, std::string_view text,
+                                         std::chrono::milliseconds timeout) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
+                                         target.interface.c_str(), std::string(member).c_str());
+  if (r < 0) return localFailure(r);
+  const MessagePtr request(raw);
+  r = sd_bus_message_append_basic(request.get(), SD_BUS_TYPE_STRING, std::string(text).c_str());
+  if (r < 0) return localFailure(r);
+  return finishCall(request.get(), timeout);
+}
+
+CallResult TestBusClient::callWithUnmappableValue(const MethodTarget& target, std::string_view member,
+                                                  std::chrono::milliseconds timeout) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
+                                         target.interface.c_str(), std::string(member).c_str());
+  if (r < 0) return localFailure(r);
+  const MessagePtr request(raw);
+  r = sd_bus_message_append(request.get(), "a{sv}", 1, "topic", "o", "/not/a/property/list/value");
+  if (r < 0) return localFailure(r);
+  return finishCall(request.get(), timeout);
+}
+
+std::uint64_t TestBusClient::sendWithoutReply(const MethodTarget& target, std::string_view member,
+                                              const VelaDictionary& args) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
+                                         target.interface.c_str(), std::string(member).c_str());
+  if (r < 0) return 0;
+  const MessagePtr request(raw);
+  r = sd_bus_message_set_expect_reply(request.get(), 0);
+  if (r >= 0) r = appendDictionary(request.get(), args);
+  std::uint64_t cookie = 0;
+  if (r >= 0) r = sd_bus_send(bus_, request.get(), &cookie);
+  return r < 0 ? 0 : cookie;
+}
+
+std::optional<std::string> TestBusClient::introspect(std::string_view destination, std::string_view path) {
+  sd_bus_message* raw = nullptr;
+  const int r = sd_bus_message_new_method_call(bus_, &raw, std::string(destination).c_str(),
+                                               std::string(path).c_str(), "org.freedesktop.DBus.Introspectable",
+                                               "Introspect");
+  if (r < 0) return std::nullopt;
+  const MessagePtr request(raw);
+  CallResult result = finishCall(request.get(), kDefaultTimeout);
+  return result.text;
+}
+
+int TestBusClient::subscribeNotifications(std::string_view center) {
+  const std::string interface(center);
+  std::string path = "/" + interface;
+  std::replace(path.begin(), path.end(), '.', '/');
+  sd_bus_slot* slot = nullptr;
+  // sd_bus_match_signal waits for the bus to confirm the match.
+  const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(), "Notification",
+                                    &TestBusClient::notificationArrived, this);
+  if (r < 0) return r;
+  matches_.push_back(slot);
+  return 0;
+}
+
+std::optional<ReceivedNotification> TestBusClient::waitNotification(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (!notifications_.empty()) {
+      ReceivedNotification next = std::move(notifications_.front());
+      notifications_.pop_front();
+      return next;
+    }
+    const int r = sd_bus_process(bus_, nullptr);
+    if (r < 0) return std::nullopt;
+    if (r > 0) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return std::nullopt;
+    if (sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count())) < 0) return std::nullopt;
+  }
+}
+
+std::vector<std::uint64_t> TestBusClient::strayReplies() {
+  drain();
+  return strayReplies_;
+}
+
+int TestBusClient::drain() {
+  int r = 0;
+  while ((r = sd_bus_process(bus_, nullptr)) > 0) {
+  }
+  return r;
+}
+
+int TestBusClient::notificationArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+  auto* client = static_cast<TestBusClient*>(userdata);
+  ReceivedNotification notification;
+  notification.sender = orEmpty(sd_bus_message_get_sender(message));
+  notification.destination = orEmpty(sd_bus_message_get_destination(message));
+  notification.path = orEmpty(sd_bus_message_get_path(message));
+  notification.interface = orEmpty(sd_bus_message_get_interface(message));
+  const char* name = nullptr;
+  if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &name) > 0) {
+    notification.name = orEmpty(name);
+    notification.userInfo = readDictionary(message);
+  }
+  client->notifications_.push_back(std::move(notification));
+  return 0;
+}
+
+int TestBusClient::anyMessageArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+  // Replies that a waiting call consumed never get here; whatever reply
+  // does was not waited for.
+  std::uint8_t type = 0;
+  if (sd_bus_message_get_type(message, &type) < 0) return 0;
+  if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
+    std::uint64_t cookie = 0;
+    if (sd_bus_message_get_reply_cookie(message, &cookie) >= 0) {
+      static_cast<TestBusClient*>(userdata)->strayReplies_.push_back(cookie);
+    }
+  }
+  return 0;
+}
+
+}  // namespace vela::bus

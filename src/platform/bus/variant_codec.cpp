@@ -1,0 +1,304 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/variant_codec.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cstdint>
+#include <limits>
+#include <string_view>
+#include <type_traits>
+
+namespace vela::bus {
+namespace {
+
+// D-Bus itself caps nesting at 64 containers; we stop a little earlier so a
+// hostile message can never take the reader deep into the stack.
+constexpr int kMaxDepth = 48;
+
+// Signature of the variant that carries a value of each type.
+const char* variantSignature(const VelaValue& value) {
+  switch (value.type()) {
+    case VelaValue::Type::kString: return "s";
+    case VelaValue::Type::kInteger: return "x";
+    case VelaValue::Type::kReal: return "d";
+    case VelaValue::Type::kBoolean: return "b";
+    case VelaValue::Type::kDate: return "(d)";
+    case VelaValue::Type::kData: return "ay";
+    case VelaValue::Type::kArray: return "av";
+    case VelaValue::Type::kDictionary: return "a{sv}";
+    case VelaValue::Type::kSet: return "(av)";
+  }
+  return "";
+}
+
+int appendVariantArray(sd_bus_message* m, const VelaArray& items) {
+  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "v");
+  for (const VelaValue& item : items) {
+    if (r < 0) return r;
+    r = appendVariant(m, item);
+  }
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+int appendContents(sd_bus_message* m, const VelaValue& value) {
+  return std::visit(
+      [m](const auto& v) -> int {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, std::string>) {
+          // sd-bus refuses invalid UTF-8; an embedded NUL would silently cut
+          // the string, so refuse that here.
+          if (v.find('\0') != std::string::npos) return -EINVAL;
+          return sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, v.c_str());
+        } else if constexpr (std::is_same_v<T, std::int64_t>) {
+          return sd_bus_message_append_basic(m, SD_BUS_TYPE_INT64, &v);
+        } else if constexpr (std::is_same_v<T, double>) {
+          return sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &v);
+        } else if constexpr (std::is_same_v<T, bool>) {
+          const int b = v ? 1 : 0;
+          return sd_bus_message_append_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
+        } else if constexpr (std::is_same_v<T, VelaDate>) {
+          int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "d");
+          if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &v.secondsSince1970);
+          return r < 0 ? r : sd_bus_message_close_container(m);
+        } else if constexpr (std::is_same_v<T, VelaData>) {
+          return sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, v.data(), v.size());
+        } else if constexpr (std::is_same_v<T, VelaArray>) {
+          return appendVariantArray(m, v);
+        } else if constexpr (std::is_same_v<T, VelaDictionary>) {
+          return appendDictionary(m, v);
+        } else {
+          static_assert(std::is_same_v<T, VelaSet>);
+          int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "av");
+          if (r >= 0) r = appendVariantArray(m, v.members);
+          return r < 0 ? r : sd_bus_message_close_container(m);
+        }
+      },
+      value.storage());
+}
+
+// Reads values of one complete type at a time. Every failure records a reason
+// and unwinds; nothing partially read escapes.
+class Reader {
+ public:
+  explicit Reader(sd_bus_message* m) : m_(m) {}
+
+  std::optional<VelaDictionary> dictionary(int depth) {
+    if (depth > kMaxDepth) return fail("nesting too deep");
+    // The element type is taken from the message so that a{sX} with any
+    // property-list value type is accepted, not only a{sv}.
+    char type = 0;
+    const char* contents = nullptr;
+    if (sd_bus_message_peek_type(m_, &type, &contents) <= 0 || type != SD_BUS_TYPE_ARRAY || contents == nullptr ||
+        contents[0] != '{' || contents[1] != 's') {
+      return fail("expected a dictionary with string keys");
+    }
+    const std::string entrySignature(contents + 1, std::string_view(contents).size() - 2);
+    if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) return fail("unreadable dictionary");
+    VelaDictionary dict;
+    for (;;) {
+      const int r = sd_bus_message_enter_container(m_, SD_BUS_TYPE_DICT_ENTRY, entrySignature.c_str());
+      if (r < 0) return fail("unreadable dictionary entry");
+      if (r == 0) break;
+      const char* key = nullptr;
+      if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) return fail("unreadable dictionary key");
+      std::optional<VelaValue> value = next(depth + 1);
+      if (!value) return std::nullopt;
+      if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
+      dict.insert_or_assign(key, std::move(*value));
+    }
+    if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary");
+    return dict;
+  }
+
+  std::optional<VelaArray> body() {
+    VelaArray values;
+    for (;;) {
+      char type = 0;
+      const int r = sd_bus_message_peek_type(m_, &type, nullptr);
+      if (r < 0) {
+        fail("unreadable message");
+        return std::nullopt;
+      }
+      if (r == 0) return values;
+      std::optional<VelaValue> value = next(0);
+      if (!value) return std::nullopt;
+      values.push_back(std::move(*value));
+    }
+  }
+
+  std::string reason;
+
+ private:
+  std::nullopt_t fail(const char* why) {
+    if (reason.empty()) reason = why;
+    return std::nullopt;
+  }
+
+  template <typename T>
+  std::optional<T> basic(char type) {
+    T v{};
+    if (sd_bus_message_read_basic(m_, type, &v) <= 0) {
+      fail("unreadable value");
+      return std::nullopt;
+    }
+    return v;
+  }
+
+  // Reads the next complete value, whatever its D-Bus type.
+  std::optional<VelaValue> next(int depth) {
+    if (depth > kMaxDepth) return fail("nesting too deep");
+    char type = 0;
+    const char* contents = nullptr;
+    if (sd_bus_message_peek_type(m_, &type, &contents) <= 0) return fail("value missing");
+    switch (type) {
+      case SD_BUS_TYPE_STRING: {
+        auto s = basic<const char*>(type);
+        if (!s) return std::nullopt;
+        return VelaValue(std::string(*s));
+      }
+      case SD_BUS_TYPE_BOOLEAN: {
+        auto b = basic<int>(type);
+        if (!b) return std::nullopt;
+        return VelaValue(*b != 0);
+      }
+      case SD_BUS_TYPE_BYTE: return integer<std::uint8_t>(type);
+      case SD_BUS_TYPE_INT16: return integer<std::int16_t>(type);
+      case SD_BUS_TYPE_UINT16: return integer<std::uint16_t>(type);
+      case SD_BUS_TYPE_INT32: return integer<std::int32_t>(type);
+      case SD_BUS_TYPE_UINT32: return integer<std::uint32_t>(type);
+      case SD_BUS_TYPE_INT64: return integer<std::int64_t>(type);
+      case SD_BUS_TYPE_UINT64: {
+        auto u = basic<std::uint64_t>(type);
+        if (!u) return std::nullopt;
+        if (*u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+          return fail("integer out of range");
+        }
+        return VelaValue(static_cast<std::int64_t>(*u));
+      }
+      case SD_BUS_TYPE_DOUBLE: {
+        auto d = basic<double>(type);
+        if (!d) return std::nullopt;
+        return VelaValue(*d);
+      }
+      case SD_BUS_TYPE_VARIANT: {
+        if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, contents) <= 0) return fail("unreadable variant");
+        std::optional<VelaValue> inner = next(depth + 1);
+        if (!inner) return std::nullopt;
+        if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
+        return inner;
+      }
+      case SD_BUS_TYPE_ARRAY: return array(contents, depth);
+      case SD_BUS_TYPE_STRUCT: return structure(contents, depth);
+      default: return fail("value of a type with no property-list meaning");
+    }
+  }
+
+  template <typename T>
+  std::optional<VelaValue> integer(char type) {
+    auto v = basic<T>(type);
+    if (!v) return std::nullopt;
+    return VelaValue(static_cast<std::int64_t>(*v));
+  }
+
+  std::optional<VelaValue> array(const char* contents, int depth) {
+    const std::string_view element(contents);
+    if (element == "y") {
+      const void* bytes = nullptr;
+      size_t size = 0;
+      if (sd_bus_message_read_array(m_, SD_BUS_TYPE_BYTE, &bytes, &size) < 0) return fail("unreadable data");
+      const auto* begin = static_cast<const std::uint8_t*>(bytes);
+      return VelaValue(VelaData(begin, begin + size));
+    }
+    if (!element.empty() && element.front() == '{') {
+      auto dict = dictionary(depth);
+      if (!dict) return std::nullopt;
+      return VelaValue(std::move(*dict));
+    }
+    auto items = arrayItems(contents, depth);
+    if (!items) return std::nullopt;
+    return VelaValue(std::move(*items));
+  }
+
+  std::optional<VelaArray> arrayItems(const char* contents, int depth) {
+    if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) {
+      fail("unreadable array");
+      return std::nullopt;
+    }
+    VelaArray items;
+    for (;;) {
+      char type = 0;
+      const int r = sd_bus_message_peek_type(m_, &type, nullptr);
+      if (r < 0) {
+        fail("unreadable array");
+        return std::nullopt;
+      }
+      if (r == 0) break;
+      std::optional<VelaValue> item = next(depth + 1);
+      if (!item) return std::nullopt;
+      items.push_back(std::move(*item));
+    }
+    if (sd_bus_message_exit_container(m_) < 0) {
+      fail("unreadable array");
+      return std::nullopt;
+    }
+    return items;
+  }
+
+  // Only two structures mean anything: a date (d) and a set (av).
+  std::optional<VelaValue> structure(const char* contents, int depth) {
+    const std::string_view signature(contents);
+    if (signature != "d" && signature != "av") return fail("structure with no property-list meaning");
+    if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_STRUCT, contents) <= 0) return fail("unreadable structure");
+    std::optional<VelaValue> result;
+    if (signature == "d") {
+      auto seconds = basic<double>(SD_BUS_TYPE_DOUBLE);
+      if (!seconds) return std::nullopt;
+      result = VelaValue(VelaDate{*seconds});
+    } else {
+      auto members = arrayItems("v", depth + 1);
+      if (!members) return std::nullopt;
+      result = VelaValue(VelaSet{std::move(*members)});
+    }
+    if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable structure");
+    return result;
+  }
+
+  sd_bus_message* m_;
+};
+
+}  // namespace
+
+int appendVariant(sd_bus_message* message, const VelaValue& value) {
+  int r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, variantSignature(value));
+  if (r >= 0) r = appendContents(message, value);
+  return r < 0 ? r : sd_bus_message_close_container(message);
+}
+
+int appendDictionary(sd_bus_message* message, const VelaDictionary& dict) {
+  int r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
+  for (const auto& [key, value] : dict) {
+    if (r < 0) return r;
+    if (key.find('\0') != std::string::npos) return -EINVAL;
+    r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
+    if (r >= 0) r = sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, key.c_str());
+    if (r >= 0) r = appendVariant(message, value);
+    if (r >= 0) r = sd_bus_message_close_container(message);
+  }
+  return r < 0 ? r : sd_bus_message_close_container(message);
+}
+
+std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::string* whyNot) {
+  Reader reader(message);
+  std::optional<VelaDictionary> dict = reader.dictionary(0);
+  if (!dict && whyNot != nullptr) *whyNot = reader.reason;
+  return dict;
+}
+
+std::optional<VelaArray> readBody(sd_bus_message* message, std::string* whyNot) {
+  Reader reader(message);
+  std::optional<VelaArray> values = reader.body();
+  if (!values && whyNot != nullptr) *whyNot = reader.reason;
+  return values;
+}
+
+}  // namespace vela::bus

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: MIT
+#include <vela/VelaNotifySession.h>
+
+#include "platform/bus/bus_names.h"
+#include "platform/bus/named_connection.h"
+#include "session/connection_queue.h"
+
+using vela::bus::NamedConnection;
+
+std::shared_ptr<VelaNotifySession> VelaNotifySession::sharedInstance() {
+  // Never released: the shared session serves the process until it ends,
+  // exit handlers included.
+  static auto* const shared = new std::shared_ptr<VelaNotifySession>(init());  // NOLINT(cppcoreguidelines-owning-memory)
+  return *shared;
+}
+
+std::shared_ptr<VelaNotifySession> VelaNotifySession::init() {
+  vela::session::replaceConnectionCreationQueue();
+  return std::make_shared<VelaNotifySession>(PassKey{});
+}
+
+std::shared_ptr<VelaNotifySession> VelaNotifySession::initWithDelegate(
+    std::weak_ptr<VelaNotifySessionDelegate> delegate) {
+  auto session = std::make_shared<VelaNotifySession>(PassKey{});
+  session->setDelegate(std::move(delegate));
+  return session;
+}
+
+VelaNotifySession::~VelaNotifySession() {
+  // Stop hearing from the daemon first, then forget the delegate, then close
+  // the connection, so that nothing reaches a half-destroyed session.
+  // Releasing the center stops its delivery.
+  setCenter(nullptr);
+  _stopVettingNotifications();
+  setDelegate({});
+  _destroyLinkConnection();
+}
+
+std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
+  // The connection's handlers hold the session weakly: a connection never
+  // keeps its session alive.
+  const std::weak_ptr<VelaNotifySession> box = weak_from_this();
+  std::shared_ptr<NamedConnection> current;
+  std::shared_ptr<NamedConnection> stale;
+  vela::session::connectionCreationQueue()->dispatchSync([&] {
+    current = linkConnection();
+    if (current && current->belongsToThisProcess()) return;
+    // A connection inherited across fork() has no thread here; replace it.
+    stale = std::move(current);
+    auto connection = NamedConnection::create(std::string(vela::bus::kServiceName), vela::bus::kPrivilegedOption);
+    const std::weak_ptr<NamedConnection> self = connection;
+    auto dropConnection = [box, self] {
+      if (auto session = box.lock()) session->destroyLinkConnectionIfCurrent(self);
+    };
+    connection->setInterruptionHandler(dropConnection);
+    connection->setInvalidationHandler(dropConnection);
+    connection->resume();
+    setLinkConnection(connection);
+    current = std::move(connection);
+  });
+  // Returning the connection made or found above, rather than reading the
+  // field again, means a teardown racing this call cannot hand back nullptr.
+  return current;
+}
+
+void VelaNotifySession::_destroyLinkConnection() {
+  std::shared_ptr<NamedConnection> old;
+  {
+    std::lock_guard lock(fieldsMutex_);
+    old.swap(linkConnection_);
+  }
+  // Invalidated and released outside the lock: releasing may wait for the
+  // connection's thread, whose handlers take the same lock.
+  if (old) old->invalidate();
+}
+
+void VelaNotifySession::destroyLinkConnectionIfCurrent(const std::weak_ptr<NamedConnection>& connection) {
+  std::shared_ptr<NamedConnection> old;
+  {
+    std::lock_guard lock(fieldsMutex_);
+    // A late handler of a connection already replaced must not drop its successor.
+    if (linkConnection_ != connection.lock()) return;
+    old.swap(linkConnection_);
+  }
+  if (old) old->invalidate();
+}
+
+void VelaNotifySession::_stopVettingNotifications() {
+  // Observers exist only once a vetting has made the center.
+  if (!center()) return;
+}
+
+VelaError VelaNotifySession::newErrorForCode(std::int32_t code, std::string_view message) const {
+  return VelaError(std::string(kVelaErrorDomain), code,
+                   VelaDictionary{{std::string(kVelaErrorFailureReasonKey), std::string(message)}});
+}
+
+std::shared_ptr<NamedConnection> VelaNotifySession::linkConnection() const {
+  std::lock_guard lock(fieldsMutex_);
+  return linkConnection_;
+}
+
+void VelaNotifySession::setLinkConnection(std::shared_ptr<NamedConnection> connection) {
+  {
+    std::lock_guard lock(fieldsMutex_);
+    linkConnection_.swap(connection);
+  }
+  // `connection` now holds the old value and is released outside the lock.
+}
+
+std::shared_ptr<vela::notify::DistributedCenter> VelaNotifySession::center() const {
+  std::lock_guard lock(fieldsMutex_);
+  return center_;
+}
+
+void VelaNotifySession::setCenter(std::shared_ptr<vela::notify::DistributedCenter> center) {
+  std::lock_guard lock(fieldsMutex_);
+  center_.swap(center);
+}
+
+std::shared_ptr<VelaNotifySessionDelegate> VelaNotifySession::delegate() const {
+  std::lock_guard lock(fieldsMutex_);
+  return delegate_.lock();
+}
+
+void VelaNotifySession::setDelegate(std::weak_ptr<VelaNotifySessionDelegate> delegate) {
+  std::lock_guard lock(fieldsMutex_);
+  delegate_.swap(delegate);
+}

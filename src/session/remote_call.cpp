@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#include "session/remote_call.h"
+
+#include <chrono>
+
+std::atomic<std::intptr_t> velaLastOperationResult{0};
+
+namespace vela::session {
+
+HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore, std::string label,
+                              VelaProxyErrorHandler inner) {
+  return HandsetActionsProxy(session.currentLinkConnection(),
+                             standardErrorHandler(std::move(label), std::move(inner), std::move(semaphore)));
+}
+
+}  // namespace vela::session
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+void __VELA_WAIT_SYNC(std::shared_ptr<VelaSemaphore> semaphore) {
+  constexpr std::chrono::seconds kReplyTimeLimit{5};
+  if (semaphore) semaphore->waitUntil(std::chrono::steady_clock::now() + kReplyTimeLimit);
+  // The caller's reference ends with this call.
+}
+
+void __VELA_SIGNAL_SYNC(const std::shared_ptr<VelaSemaphore>& semaphore) {
+  if (semaphore) semaphore->signal();
+}
+
+std::shared_ptr<VelaNotificationHandsetActions> __VELA_LINK_OBJ(const std::shared_ptr<VelaNotifySession>& session,
+                                                                std::shared_ptr<VelaSemaphore> semaphore,
+                                                                std::string label, VelaProxyErrorHandler innerHandler) {
+  if (!session) return nullptr;
+  return std::make_shared<vela::session::HandsetActionsProxy>(
+      vela::session::linkProxy(*session, std::move(semaphore), std::move(label), std::move(innerHandler)));
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
