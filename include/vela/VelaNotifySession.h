@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -11,6 +13,7 @@
 #include <vela/VelaError.h>
 #include <vela/VelaExport.h>
 #include <vela/VelaNotifySessionDelegate.h>
+#include <vela/VelaValue.h>
 
 namespace vela::bus {
 class NamedConnection;
@@ -83,6 +86,65 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // The code keeps its sign. Thread: any.
   VelaError newErrorForCode(std::int32_t code, std::string_view message) const;
 
+  // ---- Locating state and switching ----------------------------------------
+  //
+  // The daemon's locating state is a number: 1 and 2 are the two settled
+  // states; any other value means a change is under way.
+
+  using LocusStateCompletion = std::function<void(std::int32_t state, std::optional<VelaError> error)>;
+  using InProgressCompletion = std::function<void(bool inProgress, std::optional<VelaError> error)>;
+
+  // Asks the daemon for its locating state and returns at once. `completion`
+  // (may be empty) runs with the state and the daemon's error as delivered,
+  // or with state 4 and the transport error when the request cannot be
+  // carried. Never called if the daemon never answers: there is no time-out.
+  // Leaves velaLastOperationResult at 0.
+  // Blocks: no.  Runs on: the connection's thread.
+  void locusStateWithCompletion(LocusStateCompletion completion);
+
+  // Like locusStateWithCompletion, reporting whether a change is in progress:
+  // true only when there is no error and the state is neither 1 nor 2.
+  // Blocks: no.  Runs on: the connection's thread.
+  void isLocusStateChangeInProgressWithCompletion(InProgressCompletion completion);
+
+  // Switches locating on in `context` (passed through unexamined). Returns
+  // nullopt on success, the daemon's error, or 106 "timed out" when no answer
+  // came within 5 s or the request could not be carried (the daemon may then
+  // have acted or not: read the state). The code is left in
+  // velaLastOperationResult. Blocks: up to 5 s.  Thread: any.
+  std::optional<VelaError> enableLocusInContext(std::int32_t context);
+
+  // Switches locating off with `token` (nil is sent as nil) in `context`.
+  // Returns as enableLocusInContext. Blocks: up to 5 s.  Thread: any.
+  std::optional<VelaError> disableLocusUsingToken(std::optional<std::string> token, std::int32_t context);
+
+  // ---- Identity ---------------------------------------------------------------
+  //
+  // Each query returns what the daemon sent, even together with an error, or
+  // nullopt; the error's code (106 after a time-out or transport failure) is
+  // left in velaLastOperationResult, 0 when there was none.
+  // Blocks: up to 5 s.  Thread: any.
+
+  // The device identifier of the friends-locating service.
+  std::optional<std::string> kithDeviceId();
+  // The device identifier of the device-locating service.
+  std::optional<std::string> locusDeviceId();
+  // The store account.
+  std::optional<std::string> storeAccount();
+  // The device-locating account: {"username": name, "personID": id}, or
+  // nullopt unless the daemon sent both.
+  std::optional<VelaDictionary> locusAccount();
+  // The cloud account of the device's user, shaped as locusAccount.
+  std::optional<VelaDictionary> nimbusAccount();
+  // storeAccount of the shared session.
+  static std::optional<std::string> copyStoreAccount();
+  // Writes {username: {"enabledDataclasses": {"com.zentrex.Dataclass.DeviceLocator"},
+  // "username": username}} for the device-locating account into `accounts`,
+  // and leaves it untouched when there is no such account. Always returns
+  // nullptr: success shows only in `accounts`. velaLastOperationResult is
+  // what locusAccount left.
+  std::nullptr_t retrieveAllAccounts(std::optional<VelaDictionary>& accounts);
+
   // Accessors. Thread: any (each access is atomic on its own).
   std::shared_ptr<vela::bus::NamedConnection> linkConnection() const;
   void setLinkConnection(std::shared_ptr<vela::bus::NamedConnection> connection);
@@ -95,7 +157,9 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
  private:
   struct PassKey {};
 
-  void destroyLinkConnectionIfCurrent(const std::weak_ptr<vela::bus::NamedConnection>& connection);
+  // Stops using `connection` if it is still the current one (interruption,
+  // invalidation); the next operation makes a new one.
+  void retireLinkConnection(const std::weak_ptr<vela::bus::NamedConnection>& connection);
 
  public:
   // Use init(), initWithDelegate() or sharedInstance().

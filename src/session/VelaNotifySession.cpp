@@ -50,7 +50,7 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
     auto connection = NamedConnection::create(std::string(vela::bus::kServiceName), vela::bus::kPrivilegedOption);
     const std::weak_ptr<NamedConnection> self = connection;
     auto dropConnection = [box, self] {
-      if (auto session = box.lock()) session->destroyLinkConnectionIfCurrent(self);
+      if (auto session = box.lock()) session->retireLinkConnection(self);
     };
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
@@ -74,7 +74,7 @@ void VelaNotifySession::_destroyLinkConnection() {
   if (old) old->invalidate();
 }
 
-void VelaNotifySession::destroyLinkConnectionIfCurrent(const std::weak_ptr<NamedConnection>& connection) {
+void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection>& connection) {
   std::shared_ptr<NamedConnection> old;
   {
     std::lock_guard lock(fieldsMutex_);
@@ -82,7 +82,9 @@ void VelaNotifySession::destroyLinkConnectionIfCurrent(const std::weak_ptr<Named
     if (linkConnection_ != connection.lock()) return;
     old.swap(linkConnection_);
   }
-  if (old) old->invalidate();
+  // Not invalidated: requests already on the wire still get the bus's answer
+  // (the daemon's reply, or an error if it is gone) instead of a false
+  // failure. The old connection ends by itself once they are done.
 }
 
 void VelaNotifySession::_stopVettingNotifications() {

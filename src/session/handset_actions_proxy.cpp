@@ -58,7 +58,7 @@ void HandsetActionsProxy::send(std::string_view memberName, VelaDictionary args,
     };
   }
   connection_->callMethod(bus::kHandsetActionsInterface, memberName, std::move(args), std::move(onReply),
-                          errorHandler_);
+                          errorHandler_, reconnect_);
 }
 
 void HandsetActionsProxy::sendErrorOnly(std::string_view memberName, VelaDictionary args, VelaErrorReply reply) {

@@ -22,8 +22,11 @@ namespace vela::session {
 // as soon as a request is sent.
 class HandsetActionsProxy final : public VelaNotificationHandsetActions {
  public:
-  HandsetActionsProxy(std::shared_ptr<bus::NamedConnection> connection, VelaProxyErrorHandler errorHandler)
-      : connection_(std::move(connection)), errorHandler_(std::move(errorHandler)) {}
+  // `reconnect` supplies a fresh connection for a request that found this
+  // one's bus already gone before it could be sent; may be empty.
+  HandsetActionsProxy(std::shared_ptr<bus::NamedConnection> connection, VelaProxyErrorHandler errorHandler,
+                      bus::Reconnect reconnect = nullptr)
+      : connection_(std::move(connection)), errorHandler_(std::move(errorHandler)), reconnect_(std::move(reconnect)) {}
 
   void enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info, VelaErrorReply reply) override;
   void disableLostModeUsingCallback(VelaErrorReply reply) override;
@@ -60,6 +63,7 @@ class HandsetActionsProxy final : public VelaNotificationHandsetActions {
 
   std::shared_ptr<bus::NamedConnection> connection_;
   VelaProxyErrorHandler errorHandler_;
+  bus::Reconnect reconnect_;
 };
 
 // The handler every operation gives its proxy: it runs `inner` (if any) with

@@ -9,8 +9,14 @@ namespace vela::session {
 
 HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore, std::string label,
                               VelaProxyErrorHandler inner) {
+  // Held weakly: a request in flight never keeps its session alive.
+  auto reconnect = [weakSession = session.weak_from_this()]() -> std::shared_ptr<bus::NamedConnection> {
+    auto alive = weakSession.lock();
+    return alive ? alive->currentLinkConnection() : nullptr;
+  };
   return HandsetActionsProxy(session.currentLinkConnection(),
-                             standardErrorHandler(std::move(label), std::move(inner), std::move(semaphore)));
+                             standardErrorHandler(std::move(label), std::move(inner), std::move(semaphore)),
+                             std::move(reconnect));
 }
 
 }  // namespace vela::session

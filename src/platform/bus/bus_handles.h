@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <memory>
+
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
-
-#include <memory>
 
 #include "platform/bus/bus_names.h"
 
@@ -38,7 +38,8 @@ using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceUnref>;
 
 // Frees a sd_bus_error on scope exit.
 struct ScopedBusError {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  // SD_BUS_ERROR_NULL is a C compound literal, which C++ does not have.
+  sd_bus_error error{nullptr, nullptr, 0};
   ScopedBusError() = default;
   ScopedBusError(const ScopedBusError&) = delete;
   ScopedBusError& operator=(const ScopedBusError&) = delete;

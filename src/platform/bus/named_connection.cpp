@@ -48,7 +48,14 @@ struct Request {
   VelaDictionary args;
   ReplyHandler onReply;
   FailureHandler onFailure;
+  Reconnect reconnect;
 };
+
+// How long a released connection keeps waiting for answers already on their
+// way; no synchronous caller waits longer than this.
+constexpr std::uint64_t kDrainGraceUsec = 5'000'000;
+
+bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r == -EPIPE || r == -ESHUTDOWN; }
 
 struct Subscription {
   std::string path;
@@ -111,6 +118,7 @@ class Loop {
   explicit Loop(std::shared_ptr<NamedConnection::Core> core) : core_(std::move(core)) {}
   ~Loop() {
     closeBus("connection closed");
+    graceTimer_ = sd_event_source_unref(graceTimer_);
     wakeSource_ = sd_event_source_unref(wakeSource_);
     event_ = sd_event_unref(event_);
   }
@@ -145,14 +153,15 @@ class Loop {
     const int r = core_->bus == BusKind::kSystem ? sd_bus_open_system(&bus_) : sd_bus_open_user(&bus_);
     if (r < 0) {
       bus_ = nullptr;
-      invalidate();
+      unreachable();
       return;
     }
     // A dropped bus is an interruption to report, never a reason to exit.
     sd_bus_set_exit_on_disconnect(bus_, 0);
     if (sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL) < 0 ||
         sd_bus_add_filter(bus_, &filterSlot_, &Loop::onFilter, this) < 0) {
-      invalidate();
+      bus_ = sd_bus_close_unref(bus_);
+      unreachable();
       return;
     }
     const std::string rule =
@@ -160,7 +169,9 @@ class Loop {
         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
         core_->service + "'";
     if (sd_bus_add_match_async(bus_, &ownerSlot_, rule.c_str(), &Loop::onNameOwnerChanged, nullptr, this) < 0) {
-      invalidate();
+      sd_bus_detach_event(bus_);
+      bus_ = sd_bus_close_unref(bus_);
+      unreachable();
       return;
     }
     // Learn the current owner, so that signals can be checked against it.
@@ -172,7 +183,7 @@ class Loop {
   // Without an event loop nothing can be sent; the thread still answers every
   // request, with a failure, until the handle is gone.
   void serveWithoutEventLoop() {
-    invalidate();
+    unreachable();
     for (;;) {
       drain();
       if (stopping_) return;
@@ -206,18 +217,67 @@ class Loop {
     if (invalidateRequested) invalidate();
     for (Subscription& subscription : subscriptions) subscribe(std::move(subscription));
     for (Request& request : requests) send(std::move(request));
-    if (stopping_ && event_ != nullptr) sd_event_exit(event_, 0);
+    if (stopping_) finishWhenDrained();
+  }
+
+  // A released connection ends once nothing is in flight, or when the grace
+  // period is over; the destructor fails whatever is left.
+  void finishWhenDrained() {
+    if (event_ == nullptr) return;
+    if (pending_.empty()) {
+      sd_event_exit(event_, 0);
+      return;
+    }
+    if (graceTimer_ == nullptr) {
+      sd_event_add_time_relative(
+          event_, &graceTimer_, CLOCK_MONOTONIC, kDrainGraceUsec, 0,
+          [](sd_event_source* source, uint64_t /*usec*/, void* /*userdata*/) {
+            return sd_event_exit(sd_event_source_get_event(source), 0);
+          },
+          nullptr);
+    }
+  }
+
+  bool busUsable() const { return bus_ != nullptr && sd_bus_is_open(bus_) > 0; }
+
+  // The request never left: a dead bus had it. Hand it to a fresh connection
+  // once, so that a call made after the bus came back does not fail for the
+  // old one's sake.
+  void resendElsewhere(Request request) {
+    interrupt();
+    std::shared_ptr<NamedConnection> fresh;
+    if (request.reconnect) {
+      try {
+        fresh = request.reconnect();
+      } catch (...) {  // NOLINT(bugprone-empty-catch): failing the request below is the answer
+      }
+    }
+    if (!fresh) {
+      invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "bus connection lost"));
+      return;
+    }
+    fresh->callMethod(request.interface, request.member, std::move(request.args), std::move(request.onReply),
+                      std::move(request.onFailure));
   }
 
   void send(Request request) {
-    if (invalidated_ || bus_ == nullptr) {
+    if (invalidated_) {
       invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection invalidated"));
+      return;
+    }
+    if (!busUsable()) {
+      resendElsewhere(std::move(request));
       return;
     }
     sd_bus_message* message = nullptr;
     int r = sd_bus_message_new_method_call(bus_, &message, core_->service.c_str(), kObjectPath.data(),
                                            request.interface.c_str(), request.member.c_str());
     if (r >= 0) r = appendDictionary(message, request.args);
+    if (r < 0 && meansDisconnected(r)) {
+      sd_bus_message_unref(message);
+      resendElsewhere(std::move(request));
+      return;
+    }
     if (r < 0) {
       sd_bus_message_unref(message);
       const bool badArgs = r == -EINVAL;
@@ -242,6 +302,12 @@ class Loop {
     // connection to fail. Callers that need a deadline keep their own.
     r = sd_bus_call_async(bus_, &raw->slot, message, &Loop::onReply, raw, UINT64_MAX);
     sd_bus_message_unref(message);
+    if (r < 0 && meansDisconnected(r)) {
+      request.onReply = std::move(raw->onReply);
+      request.onFailure = std::move(raw->onFailure);
+      resendElsewhere(std::move(request));
+      return;
+    }
     if (r < 0) {
       invokeGuarded(raw->onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
       return;
@@ -266,7 +332,8 @@ class Loop {
       invokeGuarded(call->onFailure, transportError(error->name != nullptr ? error->name : "",
                                                     errnoCode > 0 ? errnoCode : EIO,
                                                     error->message != nullptr ? error->message : ""));
-      if (meansUnreachable(error->name)) loop->invalidate();
+      if (meansUnreachable(error->name)) loop->unreachable();
+      loop->afterCall();
       return 0;
     }
     std::string whyNot = "reply is not a{sv}";
@@ -274,10 +341,15 @@ class Loop {
     if (sd_bus_message_has_signature(reply, "a{sv}") > 0) dict = readDictionary(reply, &whyNot);
     if (!dict) {
       invokeGuarded(call->onFailure, transportError(kErrorInconsistentMessage, EBADMSG, whyNot));
-      return 0;
+    } else {
+      invokeGuarded(call->onReply, std::move(*dict));
     }
-    invokeGuarded(call->onReply, std::move(*dict));
+    loop->afterCall();
     return 0;
+  }
+
+  void afterCall() {
+    if (stopping_) finishWhenDrained();
   }
 
   void subscribe(Subscription subscription) {
@@ -336,16 +408,24 @@ class Loop {
   }
 
   void interrupt() {
-    if (interrupted_ || invalidated_) return;
+    if (interrupted_ || reportedInvalid_) return;
     interrupted_ = true;
     invokeGuarded(core_->interruptionHandler);
+  }
+
+  // The service cannot be reached through this connection: tell the owner,
+  // which stops using it. What is in flight still gets the bus's answer.
+  void unreachable() {
+    if (reportedInvalid_) return;
+    reportedInvalid_ = true;
+    invokeGuarded(core_->invalidationHandler);
   }
 
   void invalidate() {
     if (invalidated_) return;
     invalidated_ = true;
     closeBus("connection invalidated");
-    invokeGuarded(core_->invalidationHandler);
+    unreachable();
   }
 
   // Fails what is in flight and lets go of the bus. Handlers run after the
@@ -372,6 +452,7 @@ class Loop {
   std::shared_ptr<NamedConnection::Core> core_;
   sd_event* event_ = nullptr;
   sd_event_source* wakeSource_ = nullptr;
+  sd_event_source* graceTimer_ = nullptr;
   sd_bus* bus_ = nullptr;
   sd_bus_slot* filterSlot_ = nullptr;
   sd_bus_slot* ownerSlot_ = nullptr;
@@ -379,7 +460,8 @@ class Loop {
   std::list<std::unique_ptr<PendingCall>> pending_;
   std::vector<std::pair<sd_bus_slot*, std::unique_ptr<Subscription>>> subscriptions_;
   bool interrupted_ = false;
-  bool invalidated_ = false;
+  bool reportedInvalid_ = false;  // the invalidation handler ran
+  bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more
   bool stopping_ = false;
 };
 
@@ -402,9 +484,11 @@ std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName
 NamedConnection::NamedConnection(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
 NamedConnection::~NamedConnection() {
+  bool invalidated = false;
   {
     std::lock_guard lock(core_->mutex);
     core_->stopRequested = true;
+    invalidated = core_->invalidateRequested;
   }
   if (!thread_.joinable()) {
     // Never resumed: fail whatever was queued, as the thread would have.
@@ -419,12 +503,14 @@ NamedConnection::~NamedConnection() {
     return;
   }
   core_->wake();
-  // From inside one of its own handlers, or in a forked child where the
-  // thread does not exist, the thread cannot be joined; it ends by itself.
-  if (thread_.get_id() == std::this_thread::get_id() || !belongsToThisProcess()) {
-    thread_.detach();
-  } else {
+  // An invalidated connection ends at once and is joined. A merely released
+  // one may still wait for answers in flight, so it ends by itself. From
+  // inside one of its own handlers, or in a forked child where the thread
+  // does not exist, the thread cannot be joined at all.
+  if (invalidated && thread_.get_id() != std::this_thread::get_id() && belongsToThisProcess()) {
     thread_.join();
+  } else {
+    thread_.detach();
   }
 }
 
@@ -457,14 +543,14 @@ void NamedConnection::invalidate() {
 bool NamedConnection::belongsToThisProcess() const noexcept { return core_->pid == ::getpid(); }
 
 void NamedConnection::callMethod(std::string_view interface, std::string_view member, VelaDictionary args,
-                                 ReplyHandler onReply, FailureHandler onFailure) {
+                                 ReplyHandler onReply, FailureHandler onFailure, Reconnect reconnect) {
   if (!belongsToThisProcess() || core_->wakeFd < 0) {
     invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
     return;
   }
   core_->post([&] {
-    core_->requests.push_back(
-        Request{std::string(interface), std::string(member), std::move(args), std::move(onReply), std::move(onFailure)});
+    core_->requests.push_back(Request{std::string(interface), std::string(member), std::move(args), std::move(onReply),
+                                     std::move(onFailure), std::move(reconnect)});
   });
 }
 

@@ -20,6 +20,10 @@ using ReplyHandler = std::function<void(VelaDictionary reply)>;
 using FailureHandler = std::function<void(const VelaError& error)>;
 using SignalHandler = std::function<void(const std::string& sender, const VelaArray& body)>;
 
+class NamedConnection;
+// Supplies a fresh connection for a request that could not leave a dead one.
+using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
+
 // A connection to one named service, with a thread of its own.
 //
 // The connection opens a private bus connection (never the process's shared
@@ -30,8 +34,16 @@ using SignalHandler = std::function<void(const std::string& sender, const VelaAr
 //
 // Interruption: the service's name lost its owner, or the bus dropped.
 // Invalidation: the service cannot be reached (no owner and no activation,
-// access denied, no bus), or invalidate() was called. After invalidation every
-// request fails at once; a new connection is needed.
+// access denied, no bus), or invalidate() was called.
+//
+// Either handler tells the owner to stop using the connection. Requests
+// already on the wire still get their real outcome: the bus answers each one
+// (the daemon's reply, or an error when it is gone), so they are not failed
+// early. Only invalidate() fails everything at once.
+//
+// A connection released without invalidate() finishes its requests in flight
+// on its own thread (for at most 5 seconds) and then ends; one invalidated
+// first ends at once.
 class NamedConnection {
  public:
   // `options` with kPrivilegedOption selects the system bus, else the session
@@ -59,9 +71,12 @@ class NamedConnection {
   // Sends one method call to the service's object at kObjectPath. Exactly one
   // of `onReply` and `onFailure` runs later, on the connection's thread. With
   // an empty `onReply` the service is asked not to answer, and `onFailure`
-  // runs only if the call could not be sent. Thread: any.
+  // runs only if the call could not be sent. When the bus behind this
+  // connection is already gone, the request never left, so it is handed once
+  // to the connection `reconnect` supplies (if any) instead of failing.
+  // Thread: any.
   void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
-                  FailureHandler onFailure);
+                  FailureHandler onFailure, Reconnect reconnect = nullptr);
 
   // Delivers signals `interface.member` from the object at `path` to
   // `handler` on the connection's thread, each with the unique name of its

@@ -17,8 +17,8 @@
 #include "platform/bus/bus_names.h"
 
 struct sd_bus;
-struct sd_bus_error;
 struct sd_bus_message;
+struct sd_bus_slot;
 struct sd_event;
 struct sd_event_source;
 
@@ -67,7 +67,7 @@ class ReplyToken {
   int replyWithString(std::string_view text);
 
  private:
-  friend class ServiceHost;
+  friend struct HostCallbacks;
   explicit ReplyToken(sd_bus_message* call) noexcept : call_(call) {}
 
   // Takes the call out of the token; the caller owns the reference.
@@ -95,7 +95,11 @@ class ServiceHost {
  public:
   // Opens a connection of its own to the system or session bus (at the
   // address DBUS_SYSTEM_BUS_ADDRESS / DBUS_SESSION_BUS_ADDRESS give, when
-  // set) and an event loop. nullptr on failure, with the reason in `whyNot`.
+  // set) and an event loop. SIGTERM and SIGINT are blocked on the calling
+  // thread from here on: the loop reads them, so one that arrives before
+  // run() still ends it cleanly. Call it on the thread that will run() and
+  // before starting other threads, which inherit the mask. nullptr on
+  // failure, with the reason in `whyNot`.
   static std::unique_ptr<ServiceHost> open(BusKind kind, std::string* whyNot = nullptr);
 
   ~ServiceHost();
@@ -130,9 +134,8 @@ class ServiceHost {
   int addTimer(std::chrono::microseconds delay, std::function<void()> fire);
 
   // Runs the event loop on the calling thread until exit(), SIGTERM, SIGINT
-  // or the loss of the bus. SIGTERM and SIGINT are blocked on this thread
-  // from then on (the loop reads them). Returns the exit code: 0 after a
-  // signal, 1 after the bus went away, a negative errno on failure.
+  // or the loss of the bus. Returns the exit code: 0 after a signal, 1 after
+  // the bus went away, a negative errno on failure.
   int run();
 
   // Makes run() return `code` once the current handler is done.
@@ -144,11 +147,13 @@ class ServiceHost {
 
   ServiceHost() = default;
 
-  static int methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int timerFired(sd_event_source* source, std::uint64_t usec, void* userdata);
+  // The sd-bus and sd-event callbacks, defined with the implementation.
+  friend struct HostCallbacks;
+
   int watchTerminationSignals();
 
   sd_bus* bus_ = nullptr;
+  sd_bus_slot* filter_ = nullptr;
   sd_event* event_ = nullptr;
   std::vector<std::unique_ptr<Export>> exports_;
   std::unordered_map<Timer*, std::unique_ptr<Timer>> timers_;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "platform/bus/test_bus_client.h"
 
-#include <systemd/sd-bus.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include <systemd/sd-bus.h>
 
 #include "platform/bus/bus_handles.h"
 #include "platform/bus/variant_codec.h"
@@ -19,6 +19,24 @@ std::uint64_t toMicroseconds(std::chrono::milliseconds timeout) {
 
 const char* orEmpty(const char* s) { return s != nullptr ? s : ""; }
 
+// The variant signature under each key of the a{sv} at the read position.
+std::map<std::string, std::string, std::less<>> readEntryTypes(sd_bus_message* m) {
+  std::map<std::string, std::string, std::less<>> types;
+  if (sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}") <= 0) return types;
+  while (sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv") > 0) {
+    const char* key = nullptr;
+    char type = 0;
+    const char* contents = nullptr;
+    if (sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &key) <= 0 ||
+        sd_bus_message_peek_type(m, &type, &contents) <= 0 || sd_bus_message_skip(m, "v") < 0 ||
+        sd_bus_message_exit_container(m) < 0) {
+      break;
+    }
+    types.insert_or_assign(orEmpty(key), orEmpty(contents));
+  }
+  return types;
+}
+
 CallResult localFailure(int r) {
   CallResult result;
   result.errorName = "local.errno";
@@ -28,12 +46,17 @@ CallResult localFailure(int r) {
 
 }  // namespace
 
+struct ClientCallbacks {
+  static int notificationArrived(sd_bus_message* message, void* userdata, sd_bus_error* error);
+  static int anyMessageArrived(sd_bus_message* message, void* userdata, sd_bus_error* error);
+};
+
 std::unique_ptr<TestBusClient> TestBusClient::open(BusKind kind, std::string* whyNot) {
   BusPtr bus;
   int r = openPrivateBus(kind, bus);
   sd_bus_slot* filter = nullptr;
   std::unique_ptr<TestBusClient> client(new TestBusClient());
-  if (r >= 0) r = sd_bus_add_filter(bus.get(), &filter, &TestBusClient::anyMessageArrived, client.get());
+  if (r >= 0) r = sd_bus_add_filter(bus.get(), &filter, &ClientCallbacks::anyMessageArrived, client.get());
   if (r < 0) {
     if (whyNot != nullptr) *whyNot = std::string("cannot connect to the bus: ") + std::strerror(-r);
     return nullptr;
@@ -81,6 +104,7 @@ CallResult TestBusClient::finishCall(sd_bus_message* request, std::chrono::milli
   result.signature = orEmpty(sd_bus_message_get_signature(reply.get(), 1));
   if (result.signature == "a{sv}") {
     result.reply = readDictionary(reply.get());
+    if (sd_bus_message_rewind(reply.get(), 1) >= 0) result.replyTypes = readEntryTypes(reply.get());
   } else if (result.signature == "s") {
     const char* text = nullptr;
     if (sd_bus_message_read_basic(reply.get(), SD_BUS_TYPE_STRING, &text) > 0) result.text = orEmpty(text);
@@ -135,14 +159,16 @@ std::uint64_t TestBusClient::sendWithoutReply(const MethodTarget& target, std::s
   if (r >= 0) r = appendDictionary(request.get(), args);
   std::uint64_t cookie = 0;
   if (r >= 0) r = sd_bus_send(bus_, request.get(), &cookie);
+  // Nothing else may run this connection for a while: make sure the call
+  // has left (it waits in the queue while the connection is still starting).
+  if (r >= 0) r = sd_bus_flush(bus_);
   return r < 0 ? 0 : cookie;
 }
 
 std::optional<std::string> TestBusClient::introspect(std::string_view destination, std::string_view path) {
   sd_bus_message* raw = nullptr;
-  const int r = sd_bus_message_new_method_call(bus_, &raw, std::string(destination).c_str(),
-                                               std::string(path).c_str(), "org.freedesktop.DBus.Introspectable",
-                                               "Introspect");
+  const int r = sd_bus_message_new_method_call(bus_, &raw, std::string(destination).c_str(), std::string(path).c_str(),
+                                               "org.freedesktop.DBus.Introspectable", "Introspect");
   if (r < 0) return std::nullopt;
   const MessagePtr request(raw);
   CallResult result = finishCall(request.get(), kDefaultTimeout);
@@ -156,7 +182,7 @@ int TestBusClient::subscribeNotifications(std::string_view center) {
   sd_bus_slot* slot = nullptr;
   // sd_bus_match_signal waits for the bus to confirm the match.
   const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(), "Notification",
-                                    &TestBusClient::notificationArrived, this);
+                                    &ClientCallbacks::notificationArrived, this);
   if (r < 0) return r;
   matches_.push_back(slot);
   return 0;
@@ -173,10 +199,16 @@ std::optional<ReceivedNotification> TestBusClient::waitNotification(std::chrono:
     const int r = sd_bus_process(bus_, nullptr);
     if (r < 0) return std::nullopt;
     if (r > 0) continue;
-    const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return std::nullopt;
     if (sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count())) < 0) return std::nullopt;
   }
+}
+
+void TestBusClient::discardNotifications() {
+  drain();
+  notifications_.clear();
 }
 
 std::vector<std::uint64_t> TestBusClient::strayReplies() {
@@ -191,7 +223,7 @@ int TestBusClient::drain() {
   return r;
 }
 
-int TestBusClient::notificationArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+int ClientCallbacks::notificationArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
   auto* client = static_cast<TestBusClient*>(userdata);
   ReceivedNotification notification;
   notification.sender = orEmpty(sd_bus_message_get_sender(message));
@@ -207,7 +239,7 @@ int TestBusClient::notificationArrived(sd_bus_message* message, void* userdata, 
   return 0;
 }
 
-int TestBusClient::anyMessageArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+int ClientCallbacks::anyMessageArrived(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
   // Replies that a waiting call consumed never get here; whatever reply
   // does was not waited for.
   std::uint8_t type = 0;

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,7 +17,6 @@
 #include "platform/bus/bus_names.h"
 
 struct sd_bus;
-struct sd_bus_error;
 struct sd_bus_message;
 struct sd_bus_slot;
 
@@ -45,6 +46,8 @@ struct CallResult {
   std::string signature;
   // The body, when it is an a{sv} that decodes.
   std::optional<VelaDictionary> reply;
+  // The D-Bus type each key of an a{sv} body carried, as the sender wrote it.
+  std::map<std::string, std::string, std::less<>> replyTypes;
   // The body, when it is a single string.
   std::optional<std::string> text;
 
@@ -104,6 +107,8 @@ class TestBusClient {
   int subscribeNotifications(std::string_view center);
   // The next collected notification, waiting up to `timeout` for one.
   std::optional<ReceivedNotification> waitNotification(std::chrono::milliseconds timeout = kDefaultTimeout);
+  // Drops every notification that has arrived so far, collected or not.
+  void discardNotifications();
 
   // Cookies of the calls answered by replies that nobody waited for, after
   // handling everything that has already arrived. Does not wait.
@@ -115,8 +120,8 @@ class TestBusClient {
   CallResult finishCall(sd_bus_message* request, std::chrono::milliseconds timeout);
   int drain();
 
-  static int notificationArrived(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int anyMessageArrived(sd_bus_message* message, void* userdata, sd_bus_error* error);
+  // The sd-bus callbacks, defined with the implementation.
+  friend struct ClientCallbacks;
 
   sd_bus* bus_ = nullptr;
   sd_bus_slot* filter_ = nullptr;

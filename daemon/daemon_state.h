@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include <vela/VelaKithAccountInfo.h>
+#include <vela/VelaLostModeInfo.h>
+
+// Everything velad knows, in memory. Only the handlers of the HandsetActions
+// members change it, all on the loop thread, so it needs no lock.
+namespace vela::daemon {
+
+// The two settled locating states. Clients know only that 1 and 2 are
+// settled; which is which is velad's choice.
+inline constexpr std::int32_t kLocusStateOff = 1;
+inline constexpr std::int32_t kLocusStateOn = 2;
+// Held while a switch is under way, until a short timer settles it.
+inline constexpr std::int32_t kLocusStateSwitching = 3;
+
+struct AccountIdentity {
+  std::string username;
+  std::string personID;
+};
+
+struct DaemonState {
+  std::int32_t locusState = kLocusStateOff;
+  // Context of the last switch request, as the client gave it.
+  std::optional<std::int32_t> lastLocusContext;
+
+  std::string kithDeviceId;
+  std::string locusDeviceId;
+  std::optional<std::string> storeAccount;
+  std::optional<AccountIdentity> locusAccount;
+  std::optional<AccountIdentity> nimbusAccount;
+
+  // Set while lost mode is on: the record it was switched on with.
+  std::shared_ptr<VelaLostModeInfo> lostMode;
+  // The one friends-locating account; a new one replaces it.
+  std::shared_ptr<VelaKithAccountInfo> kithAccount;
+  // Friends-locating regions the device has entered and not yet left.
+  std::set<std::string, std::less<>> kithRegionsInside;
+
+  std::set<std::string, std::less<>> topics;
+  // E-mail vettings under way: requesting connection (unique name) to the
+  // address it asked about. Results go to that connection alone.
+  std::map<std::string, std::string, std::less<>> vettings;
+};
+
+// A fresh state: locating off, device identifiers new for this run, and the
+// accounts velad reports until an account service feeds it real ones.
+DaemonState initialDaemonState();
+
+// A multi-line, human-readable account of the state for debug dumps. Secrets
+// in records are masked by their descriptions.
+std::string describeDaemonState(const DaemonState& state);
+
+}  // namespace vela::daemon

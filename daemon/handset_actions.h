@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <vela/VelaError.h>
+#include <vela/VelaValue.h>
+
+#include "daemon_state.h"
+#include "interface_description.h"
+#include "platform/bus/service_host.h"
+#include "request_arguments.h"
+
+namespace vela::daemon {
+
+// What velad answers to one request.
+struct Answer {
+  VelaDictionary values;
+  std::optional<VelaError> error;
+  // Set when the request is malformed (a key of the wrong type): the caller
+  // gets InvalidArgs with this text instead of a reply.
+  std::optional<std::string> refusal;
+};
+
+// The reply body: the values, plus the error under "error" when there is one.
+VelaDictionary replyBody(VelaDictionary values, const std::optional<VelaError>& error);
+
+// Reply keys that the interface types as 32-bit integers.
+inline constexpr std::string_view kInt32ReplyKeys[] = {"state"};
+
+// The twenty members of HandsetActions, carried out on the daemon's state.
+class HandsetActions {
+ public:
+  // How long a switch of the locating state stays in kLocusStateSwitching.
+  static constexpr std::chrono::milliseconds kLocusSettleDelay{500};
+
+  // `host` provides timers and notifications; both must outlive this object.
+  HandsetActions(DaemonState& state, bus::ServiceHost& host) : state_(state), host_(host) {}
+
+  // Every member this implementation answers.
+  static std::vector<std::string> members();
+
+  // Checks that the interface description lists exactly these members, each
+  // a{sv} -> a{sv}, with the request and reply keys they are implemented
+  // with. nullopt when it does, else what differs.
+  static std::optional<std::string> checkDescription(const std::vector<MethodDescription>& methods);
+
+  // Carries out one request from `sender` (unique bus name).
+  Answer perform(std::string_view member, const VelaDictionary& args, const std::string& sender);
+
+ private:
+  struct Member;
+  static std::span<const Member> table();
+
+  Answer enableLostModeWithInfo(RequestArguments& args, const std::string& sender);
+  Answer disableLostMode(RequestArguments& args, const std::string& sender);
+  Answer getLocusState(RequestArguments& args, const std::string& sender);
+  Answer getKithDeviceId(RequestArguments& args, const std::string& sender);
+  Answer getLocusDeviceId(RequestArguments& args, const std::string& sender);
+  Answer getStoreAccount(RequestArguments& args, const std::string& sender);
+  Answer getLocusAccount(RequestArguments& args, const std::string& sender);
+  Answer getNimbusAccount(RequestArguments& args, const std::string& sender);
+  Answer enableLocusInContext(RequestArguments& args, const std::string& sender);
+  Answer disableLocusUsingToken(RequestArguments& args, const std::string& sender);
+  Answer didEnterKithRegion(RequestArguments& args, const std::string& sender);
+  Answer didExitKithRegion(RequestArguments& args, const std::string& sender);
+  Answer addKithAccount(RequestArguments& args, const std::string& sender);
+  Answer removeKithAccountWithUsername(RequestArguments& args, const std::string& sender);
+  Answer retrieveKithAccount(RequestArguments& args, const std::string& sender);
+  Answer vetEmailAccount(RequestArguments& args, const std::string& sender);
+  Answer cancelEmailVet(RequestArguments& args, const std::string& sender);
+  Answer startListeningOnTopic(RequestArguments& args, const std::string& sender);
+  Answer stopListeningOnTopic(RequestArguments& args, const std::string& sender);
+  Answer dumpDebugInfo(RequestArguments& args, const std::string& sender);
+
+  Answer switchLocus(std::int32_t settled, std::int32_t context);
+  void setLocusState(std::int32_t state);
+
+  DaemonState& state_;
+  bus::ServiceHost& host_;
+};
+
+}  // namespace vela::daemon

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+// velad: the reference daemon behind com.zentrex.VelaNotification.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "daemon_state.h"
+#include "handset_actions.h"
+#include "handset_service.h"
+#include "interface_description.h"
+#include "log.h"
+#include "platform/bus/bus_names.h"
+#include "platform/bus/service_host.h"
+#include "testing_interface.h"
+
+namespace {
+
+namespace bus = vela::bus;
+namespace daemon = vela::daemon;
+
+struct Options {
+  std::string bus = "system";
+  bool testing = false;
+  int readyFd = -1;
+  bool verbose = false;
+};
+
+// Tells whoever started velad that the name is taken and calls can be made,
+// so tests wait on this rather than on a guess of how long start-up takes.
+bool announceReady(int fd) {
+  static constexpr char kReady[] = "READY\n";
+  const ssize_t written = write(fd, kReady, sizeof kReady - 1);
+  const bool ok = written == static_cast<ssize_t>(sizeof kReady - 1);
+  close(fd);
+  return ok;
+}
+
+int serve(const Options& options) {
+  // velad serves exactly what the published description lists; a description
+  // that disagrees with this build is a packaging fault, caught at start.
+  std::string problem;
+  const auto methods =
+      daemon::readInterfaceMethods(daemon::handsetActionsDescription(), bus::kHandsetActionsInterface, &problem);
+  if (!methods) {
+    daemon::logLine("the built-in interface description is unreadable: " + problem);
+    return 1;
+  }
+  if (auto mismatch = daemon::HandsetActions::checkDescription(*methods)) {
+    daemon::logLine("the interface description does not match velad: " + *mismatch);
+    return 1;
+  }
+
+  const bus::BusKind kind = options.bus == "session" ? bus::BusKind::kSession : bus::BusKind::kSystem;
+  std::unique_ptr<bus::ServiceHost> host = bus::ServiceHost::open(kind, &problem);
+  if (!host) {
+    daemon::logLine(problem);
+    return 1;
+  }
+
+  daemon::DaemonState state = daemon::initialDaemonState();
+  daemon::HandsetActions actions(state, *host);
+  std::optional<daemon::TestingInterface> testing;
+  if (options.testing) testing.emplace(*host, daemon::HandsetActions::members());
+  daemon::HandsetService service(*host, actions, testing ? &*testing : nullptr);
+
+  int r = host->exportInterface(bus::kObjectPath, bus::kHandsetActionsInterface, daemon::HandsetActions::members(),
+                                [&service](bus::IncomingCall call) { service.callArrived(std::move(call)); });
+  if (r >= 0 && testing) {
+    r = host->exportInterface(bus::kObjectPath, bus::kTestingInterface, daemon::TestingInterface::members(),
+                              [&testing](bus::IncomingCall call) { testing->callArrived(std::move(call)); });
+  }
+  if (r < 0) {
+    daemon::logLine(std::string("cannot export the interfaces: ") + std::strerror(-r));
+    return 1;
+  }
+  r = host->requestName(bus::kServiceName);
+  if (r < 0) {
+    daemon::logLine("cannot own " + std::string(bus::kServiceName) + ": " + std::strerror(-r));
+    return 1;
+  }
+  if (options.readyFd >= 0 && !announceReady(options.readyFd)) {
+    daemon::logLine(std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
+    return 1;
+  }
+  daemon::logVerbose("serving " + std::string(bus::kServiceName) + " as " + host->uniqueName());
+
+  r = host->run();
+  if (r < 0) {
+    daemon::logLine(std::string("the event loop failed: ") + std::strerror(-r));
+    return 1;
+  }
+  daemon::logVerbose("stopped");
+  return r;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app{"velad: serves com.zentrex.VelaNotification on the system or session bus"};
+  app.add_option("--bus", options.bus, "the bus to serve on")
+      ->check(CLI::IsMember({"system", "session"}))
+      ->capture_default_str();
+  app.add_flag("--testing", options.testing, "also serve com.zentrex.VelaNotification.Testing");
+  app.add_option("--ready-fd", options.readyFd, "write \"READY\" to this descriptor once serving, then close it")
+      ->check(CLI::NonNegativeNumber);
+  app.add_flag("--verbose", options.verbose, "log every request and state change to stderr");
+  CLI11_PARSE(app, argc, argv);
+
+  daemon::setVerboseLogging(options.verbose);
+  return serve(options);
+}

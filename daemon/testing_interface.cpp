@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: MIT
+#include "testing_interface.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "log.h"
+#include "platform/bus/bus_names.h"
+
+namespace vela::daemon {
+namespace {
+
+constexpr std::string_view kSetBehavior = "SetBehavior";
+constexpr std::string_view kResetBehaviors = "ResetBehaviors";
+constexpr std::string_view kCallLog = "CallLog";
+constexpr std::string_view kClearCallLog = "ClearCallLog";
+constexpr std::string_view kPostNotification = "PostNotification";
+constexpr std::string_view kCallLoggedNotification = "CallLogged";
+
+constexpr std::array<std::pair<std::string_view, BehaviorMode>, 7> kModes = {{
+    {"normal", BehaviorMode::kNormal},
+    {"delay", BehaviorMode::kDelay},
+    {"never", BehaviorMode::kNever},
+    {"error", BehaviorMode::kError},
+    {"values", BehaviorMode::kValues},
+    {"malformed", BehaviorMode::kMalformed},
+    {"exit", BehaviorMode::kExit},
+}};
+
+// Typed lookups in a Testing request. A wrong type is reported, never
+// coerced: a test that sends the wrong thing should hear about it.
+class Fields {
+ public:
+  explicit Fields(const VelaDictionary& args) : args_(args) {}
+
+  template <typename T>
+  const T* get(std::string_view key, const char* expected) {
+    const auto found = args_.find(key);
+    if (found == args_.end()) return nullptr;
+    const T* value = found->second.getIf<T>();
+    if (value == nullptr && !problem) problem = "\"" + std::string(key) + "\" must be " + expected;
+    return value;
+  }
+
+  std::optional<std::string> problem;
+
+ private:
+  const VelaDictionary& args_;
+};
+
+std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::string& problem) {
+  Fields fields(dict);
+  const auto* domain = fields.get<std::string>("domain", "a string");
+  const auto* code = fields.get<std::int64_t>("code", "an integer");
+  const auto* userInfo = fields.get<VelaDictionary>("userInfo", "a dictionary");
+  if (fields.problem) {
+    problem = "error: " + *fields.problem;
+    return std::nullopt;
+  }
+  if (domain == nullptr || code == nullptr) {
+    problem = "error needs \"domain\" and \"code\"";
+    return std::nullopt;
+  }
+  return VelaError(*domain, *code, userInfo != nullptr ? *userInfo : VelaDictionary{});
+}
+
+}  // namespace
+
+TestingInterface::TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers)
+    : host_(host), handsetMembers_(handsetMembers.begin(), handsetMembers.end()) {}
+
+std::vector<std::string> TestingInterface::members() {
+  return {std::string(kSetBehavior), std::string(kResetBehaviors), std::string(kCallLog), std::string(kClearCallLog),
+          std::string(kPostNotification)};
+}
+
+void TestingInterface::callArrived(bus::IncomingCall call) {
+  if (!call.args) {
+    call.reply.replyError(bus::kInvalidArgsError, call.argsProblem);
+    return;
+  }
+  std::optional<std::string> problem;
+  VelaDictionary reply;
+  if (call.member == kSetBehavior) {
+    problem = setBehavior(*call.args);
+  } else if (call.member == kResetBehaviors) {
+    behaviors_.clear();
+  } else if (call.member == kCallLog) {
+    reply.insert_or_assign("calls", callLog_);
+  } else if (call.member == kClearCallLog) {
+    callLog_.clear();
+  } else if (call.member == kPostNotification) {
+    problem = postNotification(*call.args);
+  }
+  if (problem) {
+    call.reply.replyError(bus::kInvalidArgsError, *problem);
+  } else {
+    call.reply.reply(reply);
+  }
+}
+
+std::optional<std::string> TestingInterface::setBehavior(const VelaDictionary& args) {
+  Fields fields(args);
+  const auto* member = fields.get<std::string>("member", "a string");
+  const auto* mode = fields.get<std::string>("mode", "a string");
+  const auto* delayMs = fields.get<std::int64_t>("delayMs", "an integer");
+  const auto* error = fields.get<VelaDictionary>("error", "a dictionary");
+  const auto* values = fields.get<VelaDictionary>("values", "a dictionary");
+  const auto* times = fields.get<std::int64_t>("times", "an integer");
+  if (fields.problem) return fields.problem;
+  if (member == nullptr || !handsetMembers_.contains(*member)) return "\"member\" must name a HandsetActions member";
+  if (mode == nullptr) return "\"mode\" is required";
+  const auto known = std::find_if(kModes.begin(), kModes.end(), [&](const auto& m) { return m.first == *mode; });
+  if (known == kModes.end()) return "unknown mode \"" + *mode + "\"";
+  if (delayMs != nullptr && *delayMs < 0) return "\"delayMs\" must not be negative";
+  if (times != nullptr && *times < 1) return "\"times\" must be at least 1";
+
+  StoredBehavior stored;
+  stored.behavior.mode = known->second;
+  if (delayMs != nullptr) stored.behavior.delay = std::chrono::milliseconds(*delayMs);
+  if (error != nullptr) {
+    std::string problem;
+    stored.behavior.error = errorFromDictionary(*error, problem);
+    if (!stored.behavior.error) return problem;
+  }
+  if (stored.behavior.mode == BehaviorMode::kError && !stored.behavior.error) return "mode \"error\" needs \"error\"";
+  if (stored.behavior.mode == BehaviorMode::kDelay && delayMs == nullptr) return "mode \"delay\" needs \"delayMs\"";
+  if (values != nullptr) stored.behavior.values = *values;
+  if (times != nullptr) stored.timesLeft = *times;
+  behaviors_.insert_or_assign(*member, std::move(stored));
+  logVerbose("behaviour of " + *member + " set to " + *mode);
+  return std::nullopt;
+}
+
+std::optional<std::string> TestingInterface::postNotification(const VelaDictionary& args) {
+  Fields fields(args);
+  const auto* center = fields.get<std::string>("center", "a string");
+  const auto* name = fields.get<std::string>("name", "a string");
+  const auto* userInfo = fields.get<VelaDictionary>("userInfo", "a dictionary");
+  const auto* destination = fields.get<std::string>("destination", "a string");
+  if (fields.problem) return fields.problem;
+  if (center == nullptr || name == nullptr) return "\"center\" and \"name\" are required";
+  const int r = host_.emitNotification(*center, *name, userInfo != nullptr ? *userInfo : VelaDictionary{},
+                                       destination != nullptr ? std::string_view(*destination) : std::string_view());
+  if (r < 0) return std::string("cannot post the notification: ") + std::strerror(-r);
+  return std::nullopt;
+}
+
+Behavior TestingInterface::behaviorForCall(const std::string& member, const VelaDictionary& args,
+                                           const std::string& sender) {
+  callLog_.emplace_back(VelaDictionary{{"member", member}, {"args", args}, {"sender", sender}});
+  const int r =
+      host_.emitNotification(bus::kTestingInterface, kCallLoggedNotification, {{"member", member}, {"sender", sender}});
+  if (r < 0) logLine(std::string("cannot announce a logged call: ") + std::strerror(-r));
+  const auto found = behaviors_.find(member);
+  if (found == behaviors_.end()) return {};
+  Behavior behavior = found->second.behavior;
+  if (found->second.timesLeft && --*found->second.timesLeft == 0) behaviors_.erase(found);
+  return behavior;
+}
+
+}  // namespace vela::daemon

@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# Installs the project into a temporary prefix and builds the consumer in
+# tests/install against it twice: with find_package(Vela) and with pkg-config.
+# Each consumer is then run, so the installed library must also load.
+#
+#   scripts/check-install.sh [BUILD_DIR]
+#
+# BUILD_DIR is an already built, unsanitized build tree; without it the
+# release preset is configured and built first.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=${1:-}
+if [[ -z $build ]]; then
+  cmake --preset release -S "$root" >/dev/null
+  cmake --build --preset release
+  build=$root/build/release
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/vela-install.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+consumer=$root/tests/install
+cxxflags=(-std=c++20 -Wall -Wextra -Wpedantic -Werror)
+
+step() { printf '== check-install: %s\n' "$*"; }
+
+step "install $build into a temporary prefix"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+
+step "consumer with find_package(Vela)"
+cmake -S "$consumer" -B "$work/with-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/configure.log"
+found=$(sed -n 's/^Vela_DIR:PATH=//p' "$work/with-cmake/CMakeCache.txt")
+if [[ $found != "$prefix"/* ]]; then
+  echo "find_package(Vela) found $found, not the temporary prefix" >&2
+  exit 1
+fi
+cmake --build "$work/with-cmake" >/dev/null
+"$work/with-cmake/consumer"
+
+step "consumer with pkg-config velanotification"
+pcfile=$(find "$prefix" -name velanotification.pc)
+if [[ -z $pcfile ]]; then
+  echo "no velanotification.pc was installed" >&2
+  exit 1
+fi
+# Only the temporary prefix is searched: a velanotification installed on this
+# machine must not stand in for it.
+export PKG_CONFIG_LIBDIR=${pcfile%/*}
+read -ra pkgflags <<<"$(pkg-config --cflags --libs velanotification)"
+libdir=$(pkg-config --variable=libdir velanotification)
+"${CXX:-c++}" "${cxxflags[@]}" "$consumer/consumer.cpp" "${pkgflags[@]}" -Wl,-rpath,"$libdir" \
+  -o "$work/with-pkg-config"
+"$work/with-pkg-config"
+
+step "passed"

@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# The project's demo command. Installs what is missing, builds velad and
+# velactl (release preset), starts a private message bus and velad on it, and
+# runs each velactl command below twice: once with --json, once for people.
+# The machine's own buses and preference store are never touched, and every
+# process and file the demo made is gone when it exits.
+
+# ---- The demo's velactl commands, in order. One entry per command line;
+# ---- arguments are separated by spaces. Add new commands here.
+demo_commands=(
+  "locus-device-id"
+  "kith-device-id"
+  "store-account"
+  "locus-account"
+)
+
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+"$root/scripts/deps.sh"
+cmake --preset release >/dev/null
+cmake --build --preset release --target velad velactl
+# Wherever the build put them.
+velad=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velad -perm -u+x -print -quit)
+velactl=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velactl -perm -u+x -print -quit)
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/vela-demo.XXXXXX")
+bus_pid=""
+velad_pid=""
+
+stop() {  # stop PID: terminate a child of this script and reap it
+  if [[ -n $1 ]] && kill "$1" 2>/dev/null; then
+    wait "$1" 2>/dev/null || true
+  fi
+}
+cleanup() {
+  local status=$?
+  stop "$velad_pid"
+  stop "$bus_pid"
+  rm -rf "$work"
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# wait_ready FIFO: the first line a child writes to FIFO; fails when the child
+# exits (closing it) or stays silent for 60 s.
+wait_ready() {
+  local fd line
+  exec {fd}<"$1"
+  if ! read -r -t 60 -u "$fd" line; then
+    exec {fd}<&-
+    return 1
+  fi
+  exec {fd}<&-
+  printf '%s\n' "$line"
+}
+
+# The private bus. Both bus addresses lead to it and to nothing else.
+mkfifo "$work/bus.ready"
+dbus-daemon --config-file="$root/tests/support/bus.conf" --address="unix:path=$work/bus" \
+  --print-address=3 --nofork 3>"$work/bus.ready" 2>"$work/bus.log" &
+bus_pid=$!
+if ! wait_ready "$work/bus.ready" >/dev/null; then
+  echo "demo: the message bus did not start:" >&2
+  cat "$work/bus.log" >&2
+  exit 1
+fi
+export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
+export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/bus"
+export VELA_PREFERENCES_PATH="$work/preferences.sqlite3"
+
+mkfifo "$work/velad.ready"
+"$velad" --bus=system --ready-fd=3 3>"$work/velad.ready" >"$work/velad.log" 2>&1 &
+velad_pid=$!
+if ! ready=$(wait_ready "$work/velad.ready") || [[ $ready != *READY* ]]; then
+  echo "demo: velad did not become ready:" >&2
+  cat "$work/velad.log" >&2
+  exit 1
+fi
+echo "velad is running on a private bus (pid $velad_pid)"
+
+failures=0
+for entry in "${demo_commands[@]}"; do
+  read -ra args <<<"$entry"
+  for form in json human; do
+    flags=()
+    [[ $form == json ]] && flags=(--json)
+    printf '\n$ velactl %s\n' "${flags[*]+${flags[*]} }${args[*]}"
+    "$velactl" "${flags[@]}" "${args[@]}" || {
+      echo "(velactl exited with status $?)"
+      failures=$((failures + 1))
+    }
+  done
+done
+
+if ((failures > 0)); then
+  printf '\ndemo: %d velactl runs failed; velad said:\n' "$failures" >&2
+  cat "$work/velad.log" >&2
+  exit 1
+fi
+printf '\ndemo: done\n'

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: MIT
+#include "platform/prefs/sqlite_store.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/prefs/cbor_codec.h"
+
+namespace vela::prefs {
+namespace {
+
+constexpr char kCreateTable[] =
+    "CREATE TABLE IF NOT EXISTS preferences ("
+    "domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key)) WITHOUT ROWID";
+constexpr char kSelect[] = "SELECT value FROM preferences WHERE domain = ?1 AND key = ?2";
+constexpr char kUpsert[] = "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)";
+constexpr char kDelete[] = "DELETE FROM preferences WHERE domain = ?1 AND key = ?2";
+
+// secure_getenv: a set-user-ID host must not let its caller's environment pick
+// which file it creates and writes.
+const char* variable(const char* name) {
+  const char* value = secure_getenv(name);
+  return value && *value ? value : nullptr;
+}
+
+std::string homeDirectory() {
+  if (const char* home = variable("HOME"); home && home[0] == '/') return home;
+  // Services started without a HOME still have a passwd entry.
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found || !found->pw_dir) return {};
+  return found->pw_dir;
+}
+
+bool resolvePath(std::string& out) {
+  if (const char* path = variable(kPathVariable)) {
+    out.assign(path);
+    return true;
+  }
+  // The XDG rules ignore a relative XDG_CONFIG_HOME.
+  if (const char* config = variable("XDG_CONFIG_HOME"); config && config[0] == '/') {
+    out.assign(config);
+  } else {
+    out = homeDirectory();
+    if (out.empty()) return false;
+    out.append("/.config");
+  }
+  out.append("/vela/preferences.sqlite3");
+  return true;
+}
+
+// Makes a newly created entry of `directory` survive a power loss; SQLite
+// syncs the directory of the files it creates, but not of the database file,
+// which is created here.
+void syncDirectory(const std::string& directory) {
+  const int fd = ::open(directory.empty() ? "/" : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  fsync(fd);
+  ::close(fd);
+}
+
+// Creates the missing directories above `path`, private to the user: the
+// database holds whatever every client chose to remember.
+void makeParentDirectories(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    const std::string directory = path.substr(0, slash);
+    if (mkdir(directory.c_str(), 0700) == 0) {
+      syncDirectory(directory.substr(0, directory.rfind('/')));
+    } else if (errno != EEXIST) {
+      return;
+    }
+  }
+}
+
+// Creates the database file if it is missing, private to the user (SQLite
+// gives its -wal and -shm files the same mode).
+void createDatabaseFile(const std::string& path) {
+  makeParentDirectories(path);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return;  // already there, or not creatable: opening it will tell
+  ::close(fd);
+  syncDirectory(path.substr(0, path.rfind('/')));
+}
+
+// SQLite binds a null pointer as SQL NULL, which an empty string_view may carry.
+int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
+  return sqlite3_bind_text64(statement, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC,
+                             SQLITE_UTF8);
+}
+
+// Ends the statement's implicit transaction however the caller leaves, so no
+// read snapshot outlives a call.
+class ResetOnExit {
+ public:
+  explicit ResetOnExit(sqlite3_stmt* statement) : statement_(statement) {}
+  ~ResetOnExit() { sqlite3_reset(statement_); }
+  ResetOnExit(const ResetOnExit&) = delete;
+  ResetOnExit& operator=(const ResetOnExit&) = delete;
+
+ private:
+  sqlite3_stmt* statement_;
+};
+
+SqliteStore* sharedStore = nullptr;
+
+}  // namespace
+
+void SqliteStore::StatementFinalizer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+
+SqliteStore& SqliteStore::shared() {
+  static SqliteStore* const store = [] {
+    sharedStore = new SqliteStore();
+    // An open connection must not cross fork(): the child inherits SQLite's
+    // record of the parent's file locks without the locks themselves, and a
+    // connection it then opens believes it holds them. The parent closing its
+    // last connection would then checkpoint and delete a WAL the child is still
+    // writing into, losing the child's writes. Closing before the fork leaves
+    // the child nothing to inherit; both sides reopen on their next call.
+    pthread_atfork([] { sharedStore->beforeFork(); }, [] { sharedStore->afterFork(); },
+                   [] { sharedStore->afterFork(); });
+    return sharedStore;
+  }();
+  return *store;
+}
+
+std::string SqliteStore::databasePath() {
+  std::string path;
+  return resolvePath(path) ? path : std::string();
+}
+
+std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (!ready(Access::kRead)) return std::nullopt;
+  sqlite3_stmt* select = statement(select_, kSelect);
+  if (!select) return std::nullopt;
+  ResetOnExit reset(select);
+  bindText(select, 1, domain);
+  bindText(select, 2, key);
+  if (sqlite3_step(select) != SQLITE_ROW) return std::nullopt;
+  const void* blob = sqlite3_column_blob(select, 0);
+  const int size = sqlite3_column_bytes(select, 0);
+  if (!blob || size <= 0) return std::nullopt;
+  return decodeValue({static_cast<const std::uint8_t*>(blob), static_cast<std::size_t>(size)});
+}
+
+bool SqliteStore::setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value) {
+  std::optional<std::vector<std::uint8_t>> encoded;
+  if (value) {
+    encoded = encodeValue(*value);
+    if (!encoded) return false;
+  }
+  std::lock_guard lock(mutex_);
+  if (!ready(Access::kWrite)) return false;
+  sqlite3_stmt* write = encoded ? statement(upsert_, kUpsert) : statement(delete_, kDelete);
+  if (!write) return false;
+  ResetOnExit reset(write);
+  bindText(write, 1, domain);
+  bindText(write, 2, key);
+  if (encoded) sqlite3_bind_blob64(write, 3, encoded->data(), encoded->size(), SQLITE_STATIC);
+  // In autocommit mode the statement is its own transaction, committed (and,
+  // with synchronous=FULL, synced) before step returns.
+  return sqlite3_step(write) == SQLITE_DONE;
+}
+
+// Nothing to do: no call keeps a read transaction open, so the next read starts
+// a fresh one that sees every write any process has committed. There is no
+// per-process copy of the data to refresh.
+void SqliteStore::synchronize(std::string_view) {}
+
+bool SqliteStore::ready(Access access) {
+  if (db_ && pid_ != getpid()) abandonInheritedConnection();
+  if (!resolvePath(wanted_)) {
+    close();
+    return false;
+  }
+  if (db_ && wanted_ != path_) close();
+  if (!db_ && !open(access)) return false;
+  if (access == Access::kWrite && !schemaReady_) {
+    schemaReady_ = sqlite3_exec(db_, kCreateTable, nullptr, nullptr, nullptr) == SQLITE_OK;
+  }
+  return access == Access::kRead || schemaReady_;
+}
+
+bool SqliteStore::open(Access access) {
+  if (access == Access::kWrite) {
+    createDatabaseFile(wanted_);
+  } else {
+    // Reading never creates the file; a missing one simply holds nothing.
+    struct stat info {};
+    if (stat(wanted_.c_str(), &info) != 0) return false;
+  }
+  sqlite3* db = nullptr;
+  // Our own mutex serialises every use, so SQLite's per-connection one is redundant.
+  if (sqlite3_open_v2(wanted_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return false;
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  // WAL lets readers go on while another process writes. A file we may only
+  // read cannot switch, so the pragma's answer is not required to be "wal"; an
+  // error (not a database, corrupt, I/O) fails the open and it is retried on
+  // the next call.
+  if (sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return false;
+  }
+  db_ = db;
+  pid_ = getpid();
+  path_ = wanted_;
+  schemaReady_ = false;
+  return true;
+}
+
+void SqliteStore::close() {
+  select_.reset();
+  upsert_.reset();
+  delete_.reset();
+  sqlite3_close(db_);
+  db_ = nullptr;
+  path_.clear();
+}
+
+// Reached only when a child was made without the fork handlers running (for
+// example by a raw clone). Closing the parent's connection here would release
+// locks that belong to the parent's SQLite state, so it is left alone, kept
+// reachable, and a new one is opened.
+void SqliteStore::abandonInheritedConnection() {
+  (void)select_.release();
+  (void)upsert_.release();
+  (void)delete_.release();
+  inherited_.push_back(db_);
+  db_ = nullptr;
+  path_.clear();
+}
+
+sqlite3_stmt* SqliteStore::statement(Statement& slot, const char* sql) {
+  if (!slot) {
+    sqlite3_stmt* prepared = nullptr;
+    // A read of a file that has no table yet fails here; nothing is cached, so
+    // the next call tries again.
+    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) != SQLITE_OK) return nullptr;
+    slot.reset(prepared);
+  }
+  return slot.get();
+}
+
+void SqliteStore::beforeFork() {
+  mutex_.lock();
+  if (db_ && pid_ == getpid()) close();
+}
+
+void SqliteStore::afterFork() { mutex_.unlock(); }
+
+}  // namespace vela::prefs

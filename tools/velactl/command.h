@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include <vela/VelaError.h>
+
+namespace velactl {
+
+// What one operation produced, printed by main as the JSON contract says.
+struct Outcome {
+  nlohmann::json result;            // null when the operation has no result
+  std::optional<VelaError> error;   // the error the operation returned
+};
+
+// The chosen subcommand's work, set while the command line is parsed.
+using Action = std::function<Outcome()>;
+
+// Each group of subcommands registers itself on the app; the subcommand's
+// callback stores its action in `chosen`.
+void addLocatingCommands(CLI::App& app, Action& chosen);
+
+// Waits for a completion that runs on another thread. nullopt when `limit`
+// passed first.
+template <typename T>
+class Completion {
+ public:
+  void set(T value) {
+    {
+      std::lock_guard lock(mutex_);
+      value_ = std::move(value);
+    }
+    done_.notify_all();
+  }
+  std::optional<T> wait(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    done_.wait_for(lock, limit, [this] { return value_.has_value(); });
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  std::optional<T> value_;
+};
+
+}  // namespace velactl

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: MIT
+#include <memory>
+#include <string>
+
+#include <vela/VelaNotifySession.h>
+
+#include "command.h"
+#include "json_value.h"
+
+namespace velactl {
+namespace {
+
+nlohmann::json optionalString(const std::optional<std::string>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json();
+}
+
+nlohmann::json optionalValue(const std::optional<VelaDictionary>& value) {
+  return value ? toJson(VelaValue(*value)) : nlohmann::json();
+}
+
+// Options left out are nil; an empty option is an empty string.
+struct OptionalString {
+  std::string value;
+  CLI::Option* option = nullptr;
+  std::optional<std::string> get() const {
+    return option != nullptr && option->count() > 0 ? std::optional(value) : std::nullopt;
+  }
+};
+
+void addQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
+              std::optional<std::string> (VelaNotifySession::*query)()) {
+  app.add_subcommand(name, help)->callback([&chosen, query] {
+    chosen = [query] { return Outcome{optionalString((*VelaNotifySession::sharedInstance().*query)()), {}}; };
+  });
+}
+
+void addAccountQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
+                     std::optional<VelaDictionary> (VelaNotifySession::*query)()) {
+  app.add_subcommand(name, help)->callback([&chosen, query] {
+    chosen = [query] { return Outcome{optionalValue((*VelaNotifySession::sharedInstance().*query)()), {}}; };
+  });
+}
+
+}  // namespace
+
+void addLocatingCommands(CLI::App& app, Action& chosen) {
+  addQuery(app, chosen, "kith-device-id", "Device identifier of the friends-locating service",
+           &VelaNotifySession::kithDeviceId);
+  addQuery(app, chosen, "locus-device-id", "Device identifier of the device-locating service",
+           &VelaNotifySession::locusDeviceId);
+  addQuery(app, chosen, "store-account", "The store account", &VelaNotifySession::storeAccount);
+  addAccountQuery(app, chosen, "locus-account", "The device-locating account", &VelaNotifySession::locusAccount);
+  addAccountQuery(app, chosen, "nimbus-account", "The cloud account of the device's user",
+                  &VelaNotifySession::nimbusAccount);
+
+  app.add_subcommand("copy-store-account", "The store account, through the shared session")->callback([&chosen] {
+    chosen = [] { return Outcome{optionalString(VelaNotifySession::copyStoreAccount()), {}}; };
+  });
+
+  app.add_subcommand("retrieve-all-accounts", "Every account, keyed by user name")->callback([&chosen] {
+    chosen = [] {
+      std::optional<VelaDictionary> accounts;
+      VelaNotifySession::sharedInstance()->retrieveAllAccounts(accounts);
+      return Outcome{optionalValue(accounts), {}};
+    };
+  });
+
+  static int waitMs = 10000;
+  auto* state = app.add_subcommand("locus-state", "The daemon's locating state (1 and 2 are settled)");
+  state->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
+  state->callback([&chosen] {
+    chosen = [] {
+      using Answer = std::pair<std::int32_t, std::optional<VelaError>>;
+      auto done = std::make_shared<Completion<Answer>>();
+      VelaNotifySession::sharedInstance()->locusStateWithCompletion(
+          [done](std::int32_t value, std::optional<VelaError> error) { done->set({value, std::move(error)}); });
+      auto answer = done->wait(std::chrono::milliseconds(waitMs));
+      if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
+      return Outcome{answer->first, std::move(answer->second)};
+    };
+  });
+
+  auto* inProgress = app.add_subcommand("is-locus-state-change-in-progress", "Whether locating is switching");
+  inProgress->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
+  inProgress->callback([&chosen] {
+    chosen = [] {
+      using Answer = std::pair<bool, std::optional<VelaError>>;
+      auto done = std::make_shared<Completion<Answer>>();
+      VelaNotifySession::sharedInstance()->isLocusStateChangeInProgressWithCompletion(
+          [done](bool value, std::optional<VelaError> error) { done->set({value, std::move(error)}); });
+      auto answer = done->wait(std::chrono::milliseconds(waitMs));
+      if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
+      return Outcome{answer->first, std::move(answer->second)};
+    };
+  });
+
+  static std::int32_t context = 0;
+  auto* enable = app.add_subcommand("enable-locus", "Switch device locating on");
+  enable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+  enable->callback([&chosen] {
+    chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLocusInContext(context)}; };
+  });
+
+  static OptionalString token;
+  auto* disable = app.add_subcommand("disable-locus", "Switch device locating off");
+  token.option = disable->add_option("--token", token.value, "Token passed to the daemon (left out: nil)");
+  disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+  disable->callback([&chosen] {
+    chosen = [] {
+      return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token.get(), context)};
+    };
+  });
+}
+
+}  // namespace velactl
