@@ -18,6 +18,9 @@
 namespace vela::bus {
 class NamedConnection;
 }  // namespace vela::bus
+namespace vela::session {
+struct SessionInternals;
+}  // namespace vela::session
 namespace vela::notify {
 class DistributedCenter;
 }  // namespace vela::notify
@@ -156,6 +159,9 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
 
  private:
   struct PassKey {};
+  friend struct vela::session::SessionInternals;
+
+  static std::shared_ptr<VelaNotifySession> make();
 
   // Stops using `connection` if it is still the current one (interruption,
   // invalidation); the next operation makes a new one.
@@ -170,4 +176,7 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   std::shared_ptr<vela::bus::NamedConnection> linkConnection_;  // guarded by fieldsMutex_
   std::shared_ptr<vela::notify::DistributedCenter> center_;     // guarded by fieldsMutex_
   std::weak_ptr<VelaNotifySessionDelegate> delegate_;           // guarded by fieldsMutex_
+  // Set once at construction: how a request whose connection died before it
+  // was sent finds the session's next connection.
+  std::shared_ptr<const std::function<std::shared_ptr<vela::bus::NamedConnection>()>> reconnect_;
 };

@@ -85,8 +85,7 @@ class VELA_EXPORT VelaPreferencesUtil {
   // Thread: any. Blocks: on another process's write, up to 5 s.
   static void setString(std::optional<std::string_view> value, std::string_view key, std::string_view domain);
   static void setDate(std::optional<VelaDate> value, std::string_view key, std::string_view domain);
-  static void setDictionary(const std::optional<VelaDictionary>& value, std::string_view key,
-                            std::string_view domain);
+  static void setDictionary(const std::optional<VelaDictionary>& value, std::string_view key, std::string_view domain);
   static void setArray(const std::optional<VelaArray>& value, std::string_view key, std::string_view domain);
   static void setData(const std::optional<VelaData>& value, std::string_view key, std::string_view domain);
   static void setObject(const std::optional<VelaValue>& value, std::string_view key, std::string_view domain);

@@ -15,7 +15,11 @@
 class VELA_EXPORT VelaSemaphore {
  public:
   static std::shared_ptr<VelaSemaphore> create(std::int64_t initialCount = 0) {
-    return std::shared_ptr<VelaSemaphore>(new VelaSemaphore(initialCount));
+    // One allocation for the semaphore and its reference count.
+    struct Made : VelaSemaphore {
+      explicit Made(std::int64_t count) : VelaSemaphore(count) {}
+    };
+    return std::make_shared<Made>(initialCount);
   }
 
   // Adds one to the count and wakes one waiter.

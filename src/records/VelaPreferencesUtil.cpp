@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include <vela/VelaPreferencesUtil.h>
-
 #include <limits>
 #include <utility>
+
+#include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/coercion.h"
 #include "platform/prefs/sqlite_store.h"
@@ -29,7 +29,7 @@ void writeValue(std::string_view key, std::string_view domain, const std::option
     // store ever cache.
     store.setValue(domain, key, value);
     store.synchronize(domain);
-  } catch (...) {
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a write that cannot be made is not reported
   }
 }
 
@@ -49,23 +49,25 @@ std::optional<T> readTyped(std::string_view key, std::string_view domain) noexce
 template <typename T>
 void writeOptional(std::string_view key, std::string_view domain, const std::optional<T>& value) noexcept {
   try {
-    writeValue(key, domain, value ? std::optional<VelaValue>(VelaValue(*value)) : std::nullopt);
-  } catch (...) {
+    std::optional<VelaValue> stored;
+    if (value) stored.emplace(*value);
+    writeValue(key, domain, stored);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): a write that cannot be made is not reported
   }
 }
 
 }  // namespace
 }  // namespace vela::prefs
 
-using vela::prefs::readValue;
 using vela::prefs::readTyped;
-using vela::prefs::writeValue;
+using vela::prefs::readValue;
 using vela::prefs::writeOptional;
+using vela::prefs::writeValue;
 
 void VelaPreferencesUtil::synchronizeDomain(std::string_view domain) {
   try {
     vela::prefs::SqliteStore::shared().synchronize(domain);
-  } catch (...) {
+  } catch (...) {  // NOLINT(bugprone-empty-catch): synchronisation failures are not reported
   }
 }
 
@@ -140,8 +142,7 @@ void VelaPreferencesUtil::setArray(const std::optional<VelaArray>& value, std::s
   writeOptional(key, domain, value);
 }
 
-void VelaPreferencesUtil::setData(const std::optional<VelaData>& value, std::string_view key,
-                                  std::string_view domain) {
+void VelaPreferencesUtil::setData(const std::optional<VelaData>& value, std::string_view key, std::string_view domain) {
   writeOptional(key, domain, value);
 }
 

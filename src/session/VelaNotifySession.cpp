@@ -4,6 +4,7 @@
 #include "platform/bus/bus_names.h"
 #include "platform/bus/named_connection.h"
 #include "session/connection_queue.h"
+#include "session/handset_wire.h"
 
 using vela::bus::NamedConnection;
 
@@ -16,13 +17,25 @@ std::shared_ptr<VelaNotifySession> VelaNotifySession::sharedInstance() {
 
 std::shared_ptr<VelaNotifySession> VelaNotifySession::init() {
   vela::session::replaceConnectionCreationQueue();
-  return std::make_shared<VelaNotifySession>(PassKey{});
+  return make();
 }
 
 std::shared_ptr<VelaNotifySession> VelaNotifySession::initWithDelegate(
     std::weak_ptr<VelaNotifySessionDelegate> delegate) {
-  auto session = std::make_shared<VelaNotifySession>(PassKey{});
+  auto session = make();
   session->setDelegate(std::move(delegate));
+  return session;
+}
+
+std::shared_ptr<VelaNotifySession> VelaNotifySession::make() {
+  auto session = std::make_shared<VelaNotifySession>(PassKey{});
+  // Made once and shared by every request: a request that finds its
+  // connection's bus gone asks the session, held weakly, for a fresh one.
+  session->reconnect_ = std::make_shared<const vela::bus::Reconnect>(
+      [weakSession = session->weak_from_this()]() -> std::shared_ptr<NamedConnection> {
+        auto alive = weakSession.lock();
+        return alive ? alive->currentLinkConnection() : nullptr;
+      });
   return session;
 }
 
@@ -37,6 +50,10 @@ VelaNotifySession::~VelaNotifySession() {
 }
 
 std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
+  // Nearly always the connection exists: take it without the process-wide
+  // queue, which only creation needs.
+  if (auto existing = linkConnection(); existing && existing->usable()) return existing;
+
   // The connection's handlers hold the session weakly: a connection never
   // keeps its session alive.
   const std::weak_ptr<VelaNotifySession> box = weak_from_this();
@@ -44,18 +61,22 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
   std::shared_ptr<NamedConnection> stale;
   vela::session::connectionCreationQueue()->dispatchSync([&] {
     current = linkConnection();
-    if (current && current->belongsToThisProcess()) return;
-    // A connection inherited across fork() has no thread here; replace it.
+    if (current && current->usable()) return;
+    // One that reported trouble, or was inherited across fork() and has no
+    // thread here, is replaced.
     stale = std::move(current);
     auto connection = NamedConnection::create(std::string(vela::bus::kServiceName), vela::bus::kPrivilegedOption);
     const std::weak_ptr<NamedConnection> self = connection;
     auto dropConnection = [box, self] {
       if (auto session = box.lock()) session->retireLinkConnection(self);
     };
+    connection->setWireHints({vela::session::wire::kInt32Keys});
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
-    connection->resume();
+    // Stored before it starts, so that a handler firing at once (no bus at
+    // all) finds it current and retires it.
     setLinkConnection(connection);
+    connection->resume();
     current = std::move(connection);
   });
   // Returning the connection made or found above, rather than reading the

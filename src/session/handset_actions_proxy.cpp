@@ -37,9 +37,12 @@ class Args {
 
 }  // namespace
 
-VelaProxyErrorHandler standardErrorHandler(std::string label, VelaProxyErrorHandler inner,
+VelaProxyErrorHandler standardErrorHandler(std::string_view label, VelaProxyErrorHandler inner,
                                            std::shared_ptr<VelaSemaphore> semaphore) {
-  return [label = std::move(label), inner = std::move(inner), semaphore = std::move(semaphore)](const VelaError& error) {
+  // The label only names the operation for whoever reads the code; it has no
+  // effect, so the handler does not keep it.
+  (void)label;
+  return [inner = std::move(inner), semaphore = std::move(semaphore)](const VelaError& error) {
     if (inner) inner(error);
     if (semaphore) semaphore->signal();
   };

@@ -25,7 +25,7 @@ class HandsetActionsProxy final : public VelaNotificationHandsetActions {
   // `reconnect` supplies a fresh connection for a request that found this
   // one's bus already gone before it could be sent; may be empty.
   HandsetActionsProxy(std::shared_ptr<bus::NamedConnection> connection, VelaProxyErrorHandler errorHandler,
-                      bus::Reconnect reconnect = nullptr)
+                      std::shared_ptr<const bus::Reconnect> reconnect = nullptr)
       : connection_(std::move(connection)), errorHandler_(std::move(errorHandler)), reconnect_(std::move(reconnect)) {}
 
   void enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info, VelaErrorReply reply) override;
@@ -63,13 +63,13 @@ class HandsetActionsProxy final : public VelaNotificationHandsetActions {
 
   std::shared_ptr<bus::NamedConnection> connection_;
   VelaProxyErrorHandler errorHandler_;
-  bus::Reconnect reconnect_;
+  std::shared_ptr<const bus::Reconnect> reconnect_;
 };
 
 // The handler every operation gives its proxy: it runs `inner` (if any) with
 // the error, then signals `semaphore` (if any). The label only names the
 // operation; it changes nothing.
-VelaProxyErrorHandler standardErrorHandler(std::string label, VelaProxyErrorHandler inner,
+VelaProxyErrorHandler standardErrorHandler(std::string_view label, VelaProxyErrorHandler inner,
                                            std::shared_ptr<VelaSemaphore> semaphore);
 
 }  // namespace vela::session

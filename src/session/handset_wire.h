@@ -64,4 +64,7 @@ inline constexpr std::string_view kErrorCode = "code";
 inline constexpr std::string_view kErrorUserInfo = "userInfo";
 }  // namespace key
 
+// Keys the contract types as 32-bit integers, in requests, replies and records.
+inline constexpr std::array<std::string_view, 3> kInt32Keys = {key::kContext, key::kState, "appAuthTokenStatus"};
+
 }  // namespace vela::session::wire

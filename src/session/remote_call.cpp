@@ -7,16 +7,11 @@ std::atomic<std::intptr_t> velaLastOperationResult{0};
 
 namespace vela::session {
 
-HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore, std::string label,
-                              VelaProxyErrorHandler inner) {
-  // Held weakly: a request in flight never keeps its session alive.
-  auto reconnect = [weakSession = session.weak_from_this()]() -> std::shared_ptr<bus::NamedConnection> {
-    auto alive = weakSession.lock();
-    return alive ? alive->currentLinkConnection() : nullptr;
-  };
+HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore,
+                              std::string_view label, VelaProxyErrorHandler inner) {
   return HandsetActionsProxy(session.currentLinkConnection(),
-                             standardErrorHandler(std::move(label), std::move(inner), std::move(semaphore)),
-                             std::move(reconnect));
+                             standardErrorHandler(label, std::move(inner), std::move(semaphore)),
+                             SessionInternals::reconnect(session));
 }
 
 }  // namespace vela::session
@@ -37,6 +32,6 @@ std::shared_ptr<VelaNotificationHandsetActions> __VELA_LINK_OBJ(const std::share
                                                                 std::string label, VelaProxyErrorHandler innerHandler) {
   if (!session) return nullptr;
   return std::make_shared<vela::session::HandsetActionsProxy>(
-      vela::session::linkProxy(*session, std::move(semaphore), std::move(label), std::move(innerHandler)));
+      vela::session::linkProxy(*session, std::move(semaphore), label, std::move(innerHandler)));
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

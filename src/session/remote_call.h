@@ -19,10 +19,18 @@
 // velaLastOperationResult) lives here once.
 namespace vela::session {
 
+// What the call machinery needs of a session beyond its public API.
+struct SessionInternals {
+  static const std::shared_ptr<const bus::Reconnect>& reconnect(const VelaNotifySession& session) {
+    return session.reconnect_;
+  }
+};
+
 // The proxy of the session's current connection with the standard error
-// handler. A value, so a synchronous call allocates no proxy.
-HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore, std::string label,
-                              VelaProxyErrorHandler inner);
+// handler. A value, so a synchronous call allocates no proxy. `label` names
+// the operation and must outlive the proxy's requests (a literal).
+HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore,
+                              std::string_view label, VelaProxyErrorHandler inner);
 
 inline void setLastOperationResult(std::intptr_t code) {
   velaLastOperationResult.store(code, std::memory_order_relaxed);
@@ -74,11 +82,11 @@ struct SyncResult {
 // A connection failure signals the semaphore without an answer, so it ends
 // the wait at once and is reported like a time-out.
 template <typename... Values, typename Send>
-SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string label, Send&& send) {
+SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string_view label, Send&& send) {
   setLastOperationResult(0);
   auto slots = std::make_shared<ReplySlots<Values...>>();
   auto semaphore = VelaSemaphore::create(0);
-  HandsetActionsProxy proxy = linkProxy(session, semaphore, std::move(label), nullptr);
+  HandsetActionsProxy proxy = linkProxy(session, semaphore, label, nullptr);
   std::forward<Send>(send)(proxy, [slots, semaphore](Values... values, std::optional<VelaError> error) {
     slots->fill(std::move(error), std::move(values)...);
     semaphore->signal();
@@ -96,9 +104,10 @@ SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string 
 // `send` passes runs with the daemon's answer. velaLastOperationResult is
 // reset and never set from the outcome.
 template <typename Send>
-void callAsynchronously(VelaNotifySession& session, std::string label, VelaProxyErrorHandler onFailure, Send&& send) {
+void callAsynchronously(VelaNotifySession& session, std::string_view label, VelaProxyErrorHandler onFailure,
+                        Send&& send) {
   setLastOperationResult(0);
-  HandsetActionsProxy proxy = linkProxy(session, nullptr, std::move(label), std::move(onFailure));
+  HandsetActionsProxy proxy = linkProxy(session, nullptr, label, std::move(onFailure));
   std::forward<Send>(send)(proxy);
 }
 
@@ -107,10 +116,10 @@ void callAsynchronously(VelaNotifySession& session, std::string label, VelaProxy
 enum class ResetsLastResult { kYes, kNo };
 
 template <typename Send>
-void sendWithoutReply(VelaNotifySession& session, std::string label, Send&& send,
+void sendWithoutReply(VelaNotifySession& session, std::string_view label, Send&& send,
                       ResetsLastResult reset = ResetsLastResult::kYes) {
   if (reset == ResetsLastResult::kYes) setLastOperationResult(0);
-  HandsetActionsProxy proxy = linkProxy(session, nullptr, std::move(label), nullptr);
+  HandsetActionsProxy proxy = linkProxy(session, nullptr, label, nullptr);
   std::forward<Send>(send)(proxy);
 }
 

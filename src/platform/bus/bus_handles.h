@@ -43,6 +43,8 @@ struct ScopedBusError {
   ScopedBusError() = default;
   ScopedBusError(const ScopedBusError&) = delete;
   ScopedBusError& operator=(const ScopedBusError&) = delete;
+  ScopedBusError(ScopedBusError&&) = delete;
+  ScopedBusError& operator=(ScopedBusError&&) = delete;
   ~ScopedBusError() { sd_bus_error_free(&error); }
 };
 

@@ -2,6 +2,7 @@
 #include "platform/bus/named_connection.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <atomic>
 #include <list>
 #include <mutex>
 #include <utility>
@@ -19,6 +21,15 @@
 
 namespace vela::bus {
 namespace {
+
+// Bumped in the child after every fork(): cheaper than asking getpid() on
+// each call, and it tells a connection made before the fork from one made after.
+std::atomic<unsigned> forkGeneration{0};
+
+void countForks() {
+  static std::once_flag once;
+  std::call_once(once, [] { pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1); }); });
+}
 
 constexpr std::string_view kErrorDisconnected = "org.freedesktop.DBus.Error.Disconnected";
 constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
@@ -43,12 +54,12 @@ void invokeGuarded(const Fn& fn, Args&&... args) noexcept {
 }
 
 struct Request {
-  std::string interface;
-  std::string member;
+  std::string_view interface;  // static storage: the wire-name constants
+  std::string_view member;     // static storage: the wire-name constants
   VelaDictionary args;
   ReplyHandler onReply;
   FailureHandler onFailure;
-  Reconnect reconnect;
+  std::shared_ptr<const Reconnect> reconnect;
 };
 
 // How long a released connection keeps waiting for answers already on their
@@ -72,11 +83,13 @@ struct Subscription {
 struct NamedConnection::Core {
   std::string service;
   BusKind bus = BusKind::kSystem;
-  pid_t pid = ::getpid();
+  unsigned generation = forkGeneration.load();
   int wakeFd = -1;
 
   std::function<void()> interruptionHandler;  // set before resume
   std::function<void()> invalidationHandler;  // set before resume
+  std::atomic<bool> defunct{false};           // an interruption or invalidation was reported
+  WireHints wireHints;                        // set before resume
 
   mutable std::mutex mutex;
   std::vector<Request> requests;            // guarded by mutex
@@ -146,7 +159,7 @@ class Loop {
     sd_bus_slot* slot = nullptr;
     ReplyHandler onReply;
     FailureHandler onFailure;
-    std::list<std::unique_ptr<PendingCall>>::iterator position;
+    std::list<PendingCall>::iterator position;
   };
 
   void openBus() {
@@ -204,7 +217,8 @@ class Loop {
       std::uint64_t count = 0;
       (void)!::read(core_->wakeFd, &count, sizeof count);
     }
-    std::vector<Request> requests;
+    // The two vectors trade places, so neither side allocates once warm.
+    std::vector<Request>& requests = spareRequests_;
     std::vector<Subscription> subscriptions;
     bool invalidateRequested = false;
     {
@@ -217,6 +231,7 @@ class Loop {
     if (invalidateRequested) invalidate();
     for (Subscription& subscription : subscriptions) subscribe(std::move(subscription));
     for (Request& request : requests) send(std::move(request));
+    requests.clear();
     if (stopping_) finishWhenDrained();
   }
 
@@ -246,9 +261,9 @@ class Loop {
   void resendElsewhere(Request request) {
     interrupt();
     std::shared_ptr<NamedConnection> fresh;
-    if (request.reconnect) {
+    if (request.reconnect && *request.reconnect) {
       try {
-        fresh = request.reconnect();
+        fresh = (*request.reconnect)();
       } catch (...) {  // NOLINT(bugprone-empty-catch): failing the request below is the answer
       }
     }
@@ -271,8 +286,8 @@ class Loop {
     }
     sd_bus_message* message = nullptr;
     int r = sd_bus_message_new_method_call(bus_, &message, core_->service.c_str(), kObjectPath.data(),
-                                           request.interface.c_str(), request.member.c_str());
-    if (r >= 0) r = appendDictionary(message, request.args);
+                                           request.interface.data(), request.member.data());
+    if (r >= 0) r = appendDictionary(message, request.args, core_->wireHints);
     if (r < 0 && meansDisconnected(r)) {
       sd_bus_message_unref(message);
       resendElsewhere(std::move(request));
@@ -293,8 +308,9 @@ class Loop {
       if (r < 0) invokeGuarded(request.onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
       return;
     }
-    auto call = std::make_unique<PendingCall>();
-    PendingCall* raw = call.get();
+    pending_.emplace_front();
+    PendingCall* raw = &pending_.front();
+    raw->position = pending_.begin();
     raw->loop = this;
     raw->onReply = std::move(request.onReply);
     raw->onFailure = std::move(request.onFailure);
@@ -302,29 +318,27 @@ class Loop {
     // connection to fail. Callers that need a deadline keep their own.
     r = sd_bus_call_async(bus_, &raw->slot, message, &Loop::onReply, raw, UINT64_MAX);
     sd_bus_message_unref(message);
-    if (r < 0 && meansDisconnected(r)) {
+    if (r < 0) {
       request.onReply = std::move(raw->onReply);
       request.onFailure = std::move(raw->onFailure);
-      resendElsewhere(std::move(request));
-      return;
+      pending_.erase(raw->position);
+      if (meansDisconnected(r)) {
+        resendElsewhere(std::move(request));
+      } else {
+        invokeGuarded(request.onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
+      }
     }
-    if (r < 0) {
-      invokeGuarded(raw->onFailure, transportError(kErrorDisconnected, -r, std::strerror(-r)));
-      return;
-    }
-    pending_.push_front(std::move(call));
-    raw->position = pending_.begin();
   }
 
   static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
     auto* raw = static_cast<PendingCall*>(userdata);
     Loop* loop = raw->loop;
-    std::unique_ptr<PendingCall> call = std::move(*raw->position);
-    loop->pending_.erase(raw->position);
     // sd-bus holds its own reference while it dispatches, so dropping ours
     // here is safe and keeps the slot from outliving the call.
-    sd_bus_slot_unref(call->slot);
-    call->slot = nullptr;
+    sd_bus_slot_unref(raw->slot);
+    PendingCall taken = std::move(*raw);
+    PendingCall* call = &taken;
+    loop->pending_.erase(taken.position);
 
     if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
       const sd_bus_error* error = sd_bus_message_get_error(reply);
@@ -410,6 +424,7 @@ class Loop {
   void interrupt() {
     if (interrupted_ || reportedInvalid_) return;
     interrupted_ = true;
+    core_->defunct = true;
     invokeGuarded(core_->interruptionHandler);
   }
 
@@ -418,6 +433,7 @@ class Loop {
   void unreachable() {
     if (reportedInvalid_) return;
     reportedInvalid_ = true;
+    core_->defunct = true;
     invokeGuarded(core_->invalidationHandler);
   }
 
@@ -431,9 +447,9 @@ class Loop {
   // Fails what is in flight and lets go of the bus. Handlers run after the
   // bookkeeping is done, since they may queue new requests.
   void closeBus(const char* why) {
-    std::list<std::unique_ptr<PendingCall>> failed;
+    std::list<PendingCall> failed;
     failed.swap(pending_);
-    for (auto& call : failed) call->slot = sd_bus_slot_unref(call->slot);
+    for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
     for (auto& [slot, subscription] : subscriptions_) sd_bus_slot_unref(slot);
     subscriptions_.clear();
     filterSlot_ = sd_bus_slot_unref(filterSlot_);
@@ -445,7 +461,7 @@ class Loop {
     }
     if (!failed.empty()) {
       const VelaError error = transportError(kErrorDisconnected, ENOTCONN, why);
-      for (auto& call : failed) invokeGuarded(call->onFailure, error);
+      for (auto& call : failed) invokeGuarded(call.onFailure, error);
     }
   }
 
@@ -457,7 +473,8 @@ class Loop {
   sd_bus_slot* filterSlot_ = nullptr;
   sd_bus_slot* ownerSlot_ = nullptr;
   sd_bus_slot* ownerQuerySlot_ = nullptr;
-  std::list<std::unique_ptr<PendingCall>> pending_;
+  std::list<PendingCall> pending_;
+  std::vector<Request> spareRequests_;
   std::vector<std::pair<sd_bus_slot*, std::unique_ptr<Subscription>>> subscriptions_;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler ran
@@ -474,6 +491,7 @@ VelaError transportError(std::string_view name, int errnoCode, std::string_view 
 }
 
 std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {
+  countForks();
   auto core = std::make_shared<Core>();
   core->service = std::move(serviceName);
   core->bus = (options & kPrivilegedOption) != 0 ? BusKind::kSystem : BusKind::kSession;
@@ -522,6 +540,8 @@ void NamedConnection::setInvalidationHandler(std::function<void()> handler) {
   core_->invalidationHandler = std::move(handler);
 }
 
+void NamedConnection::setWireHints(WireHints hints) { core_->wireHints = hints; }
+
 void NamedConnection::resume() {
   if (thread_.joinable()) return;
   if (core_->wakeFd < 0) {
@@ -540,17 +560,20 @@ void NamedConnection::invalidate() {
   core_->wake();
 }
 
-bool NamedConnection::belongsToThisProcess() const noexcept { return core_->pid == ::getpid(); }
+bool NamedConnection::belongsToThisProcess() const noexcept { return core_->generation == forkGeneration.load(); }
+
+bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
 
 void NamedConnection::callMethod(std::string_view interface, std::string_view member, VelaDictionary args,
-                                 ReplyHandler onReply, FailureHandler onFailure, Reconnect reconnect) {
+                                 ReplyHandler onReply, FailureHandler onFailure,
+                                 std::shared_ptr<const Reconnect> reconnect) {
   if (!belongsToThisProcess() || core_->wakeFd < 0) {
     invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
     return;
   }
   core_->post([&] {
-    core_->requests.push_back(Request{std::string(interface), std::string(member), std::move(args), std::move(onReply),
-                                     std::move(onFailure), std::move(reconnect)});
+    core_->requests.push_back(
+        Request{interface, member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)});
   });
 }
 

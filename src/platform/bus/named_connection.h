@@ -13,6 +13,7 @@
 #include <vela/VelaValue.h>
 
 #include "platform/bus/bus_names.h"
+#include "platform/bus/variant_codec.h"
 
 namespace vela::bus {
 
@@ -57,6 +58,9 @@ class NamedConnection {
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
 
+  // How integer arguments are typed on the wire; set before resume().
+  void setWireHints(WireHints hints);
+
   // Starts the connection's thread and connects. Thread: any, once.
   void resume();
 
@@ -68,7 +72,14 @@ class NamedConnection {
   // there, so the connection must be replaced, not used.
   bool belongsToThisProcess() const noexcept;
 
-  // Sends one method call to the service's object at kObjectPath. Exactly one
+  // False once the connection has reported an interruption or invalidation,
+  // or belongs to another process: new requests belong on a new connection.
+  // Thread: any.
+  bool usable() const noexcept;
+
+  // Sends one method call to the service's object at kObjectPath;
+  // `interface` and `member` must be NUL-terminated and of static storage
+  // (the wire-name constants): the request keeps only a view of them. Exactly one
   // of `onReply` and `onFailure` runs later, on the connection's thread. With
   // an empty `onReply` the service is asked not to answer, and `onFailure`
   // runs only if the call could not be sent. When the bus behind this
@@ -76,7 +87,7 @@ class NamedConnection {
   // to the connection `reconnect` supplies (if any) instead of failing.
   // Thread: any.
   void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
-                  FailureHandler onFailure, Reconnect reconnect = nullptr);
+                  FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect = nullptr);
 
   // Delivers signals `interface.member` from the object at `path` to
   // `handler` on the connection's thread, each with the unique name of its

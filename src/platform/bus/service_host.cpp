@@ -2,12 +2,12 @@
 #include "platform/bus/service_host.h"
 
 #include <pthread.h>
-#include <signal.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <limits>
 #include <utility>
@@ -23,8 +23,8 @@ namespace {
 
 // Argument names as sd-bus wants them: inputs then outputs, each
 // NUL-terminated.
-constexpr char kParameterNames[] = "request\0reply\0";
-constexpr char kDictionarySignature[] = "a{sv}";
+constexpr std::string_view kParameterNames{"request\0reply\0", 15};
+constexpr const char* kDictionarySignature = "a{sv}";
 
 // Timers must fire close to when they were asked for: tests measure delays,
 // and sd-event would otherwise coalesce them within 250 ms.
@@ -51,7 +51,7 @@ int appendReplyDictionary(sd_bus_message* m, const VelaDictionary& values,
     if (key.find('\0') != std::string::npos) return -EINVAL;
     r = sd_bus_message_open_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
     if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, key.c_str());
-    const std::int64_t* integer = value.getIf<std::int64_t>();
+    const auto* integer = value.getIf<std::int64_t>();
     if (r >= 0 && integer != nullptr && fitsInt32(*integer) &&
         std::find(int32Keys.begin(), int32Keys.end(), key) != int32Keys.end()) {
       const auto narrow = static_cast<std::int32_t>(*integer);
@@ -158,6 +158,8 @@ struct ServiceHost::Export {
   Export() = default;
   Export(const Export&) = delete;
   Export& operator=(const Export&) = delete;
+  Export(Export&&) = delete;
+  Export& operator=(Export&&) = delete;
   ~Export() { sd_bus_slot_unref(slot); }
 };
 
@@ -169,6 +171,8 @@ struct ServiceHost::Timer {
   Timer() = default;
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
+  Timer(Timer&&) = delete;
+  Timer& operator=(Timer&&) = delete;
   ~Timer() { sd_event_source_unref(source); }
 };
 
@@ -224,6 +228,8 @@ int ServiceHost::exportInterface(std::string_view path, std::string_view interfa
   exported->members = std::move(members);
   exported->handler = std::move(handler);
 
+  // sd_bus_vtable is a C union: each entry sets the member its type selects.
+  // NOLINTBEGIN(cppcoreguidelines-pro-type-union-access)
   sd_bus_vtable start = zeroedVtableEntry();
   start.type = _SD_BUS_VTABLE_START;
   start.x.start.element_size = sizeof(sd_bus_vtable);
@@ -231,7 +237,7 @@ int ServiceHost::exportInterface(std::string_view path, std::string_view interfa
   start.x.start.vtable_format_reference = &sd_bus_object_vtable_format;
   exported->vtable.push_back(start);
   for (const std::string& member : exported->members) {
-    if (!sd_bus_member_name_is_valid(member.c_str())) return -EINVAL;
+    if (sd_bus_member_name_is_valid(member.c_str()) == 0) return -EINVAL;
     sd_bus_vtable method = zeroedVtableEntry();
     method.type = _SD_BUS_VTABLE_METHOD;
     // Who may call is the bus policy's decision, not the service's.
@@ -240,12 +246,13 @@ int ServiceHost::exportInterface(std::string_view path, std::string_view interfa
     method.x.method.signature = kDictionarySignature;
     method.x.method.result = kDictionarySignature;
     method.x.method.handler = &HostCallbacks::methodCalled;
-    method.x.method.names = kParameterNames;
+    method.x.method.names = kParameterNames.data();
     exported->vtable.push_back(method);
   }
   sd_bus_vtable end = zeroedVtableEntry();
   end.type = _SD_BUS_VTABLE_END;
   exported->vtable.push_back(end);
+  // NOLINTEND(cppcoreguidelines-pro-type-union-access)
 
   const int r = sd_bus_add_object_vtable(bus_, &exported->slot, exported->path.c_str(), exported->interface.c_str(),
                                          exported->vtable.data(), exported.get());
@@ -320,7 +327,7 @@ int ServiceHost::emitNotification(std::string_view center, std::string_view name
   const std::string interface(center);
   std::string path = "/" + interface;
   std::replace(path.begin(), path.end(), '.', '/');
-  if (!sd_bus_interface_name_is_valid(interface.c_str()) || !sd_bus_object_path_is_valid(path.c_str())) {
+  if (sd_bus_interface_name_is_valid(interface.c_str()) == 0 || sd_bus_object_path_is_valid(path.c_str()) == 0) {
     return -EINVAL;
   }
   if (name.find('\0') != std::string_view::npos) return -EINVAL;

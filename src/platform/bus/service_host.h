@@ -105,6 +105,8 @@ class ServiceHost {
   ~ServiceHost();
   ServiceHost(const ServiceHost&) = delete;
   ServiceHost& operator=(const ServiceHost&) = delete;
+  ServiceHost(ServiceHost&&) = delete;
+  ServiceHost& operator=(ServiceHost&&) = delete;
 
   // Serves `interface` at `path` with `members`, each a{sv} "request" ->
   // a{sv} "reply", visible to introspection. Calls whose body is not an a{sv}

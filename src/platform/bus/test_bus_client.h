@@ -77,6 +77,8 @@ class TestBusClient {
   ~TestBusClient();
   TestBusClient(const TestBusClient&) = delete;
   TestBusClient& operator=(const TestBusClient&) = delete;
+  TestBusClient(TestBusClient&&) = delete;
+  TestBusClient& operator=(TestBusClient&&) = delete;
 
   std::string uniqueName() const;
 

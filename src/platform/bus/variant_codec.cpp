@@ -31,18 +31,37 @@ const char* variantSignature(const VelaValue& value) {
   return "";
 }
 
-int appendVariantArray(sd_bus_message* m, const VelaArray& items) {
+bool fitsInt32(const VelaValue& value) {
+  const auto* i = value.getIf<std::int64_t>();
+  return i != nullptr && *i >= std::numeric_limits<std::int32_t>::min() &&
+         *i <= std::numeric_limits<std::int32_t>::max();
+}
+
+bool isInt32Key(std::string_view key, const WireHints& hints) {
+  for (std::string_view candidate : hints.int32Keys) {
+    if (candidate == key) return true;
+  }
+  return false;
+}
+
+int appendInt32Variant(sd_bus_message* m, std::int32_t value) {
+  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_VARIANT, "i");
+  if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_INT32, &value);
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+int appendVariantArray(sd_bus_message* m, const VelaArray& items, const WireHints& hints) {
   int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "v");
   for (const VelaValue& item : items) {
     if (r < 0) return r;
-    r = appendVariant(m, item);
+    r = appendVariant(m, item, hints);
   }
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
-int appendContents(sd_bus_message* m, const VelaValue& value) {
+int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& hints) {
   return std::visit(
-      [m](const auto& v) -> int {
+      [m, &hints](const auto& v) -> int {
         using T = std::decay_t<decltype(v)>;
         if constexpr (std::is_same_v<T, std::string>) {
           // sd-bus refuses invalid UTF-8; an embedded NUL would silently cut
@@ -63,13 +82,13 @@ int appendContents(sd_bus_message* m, const VelaValue& value) {
         } else if constexpr (std::is_same_v<T, VelaData>) {
           return sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, v.data(), v.size());
         } else if constexpr (std::is_same_v<T, VelaArray>) {
-          return appendVariantArray(m, v);
+          return appendVariantArray(m, v, hints);
         } else if constexpr (std::is_same_v<T, VelaDictionary>) {
-          return appendDictionary(m, v);
+          return appendDictionary(m, v, hints);
         } else {
           static_assert(std::is_same_v<T, VelaSet>);
           int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "av");
-          if (r >= 0) r = appendVariantArray(m, v.members);
+          if (r >= 0) r = appendVariantArray(m, v.members, hints);
           return r < 0 ? r : sd_bus_message_close_container(m);
         }
       },
@@ -268,20 +287,24 @@ class Reader {
 
 }  // namespace
 
-int appendVariant(sd_bus_message* message, const VelaValue& value) {
+int appendVariant(sd_bus_message* message, const VelaValue& value, const WireHints& hints) {
   int r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, variantSignature(value));
-  if (r >= 0) r = appendContents(message, value);
+  if (r >= 0) r = appendContents(message, value, hints);
   return r < 0 ? r : sd_bus_message_close_container(message);
 }
 
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict) {
+int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, const WireHints& hints) {
   int r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
   for (const auto& [key, value] : dict) {
     if (r < 0) return r;
     if (key.find('\0') != std::string::npos) return -EINVAL;
     r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
     if (r >= 0) r = sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, key.c_str());
-    if (r >= 0) r = appendVariant(message, value);
+    if (r >= 0) {
+      r = isInt32Key(key, hints) && fitsInt32(value)
+              ? appendInt32Variant(message, static_cast<std::int32_t>(*value.getIf<std::int64_t>()))
+              : appendVariant(message, value, hints);
+    }
     if (r >= 0) r = sd_bus_message_close_container(message);
   }
   return r < 0 ? r : sd_bus_message_close_container(message);

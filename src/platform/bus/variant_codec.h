@@ -2,7 +2,9 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include <vela/VelaValue.h>
 
@@ -15,11 +17,17 @@ namespace vela::bus {
 //   data ay · array av · dictionary a{sv} · date (d) · set (av)
 // Nil has no encoding: it is an absent dictionary key.
 
+// Keys whose integer values a contract types as 32-bit (`i`) rather than the
+// default `x`, at any depth. Values that do not fit travel as `x`.
+struct WireHints {
+  std::span<const std::string_view> int32Keys;
+};
+
 // Appends `dict` as a{sv}. Returns 0 or a negative errno.
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict);
+int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, const WireHints& hints = {});
 
 // Appends one value as the contents of a variant (signature and value).
-int appendVariant(sd_bus_message* message, const VelaValue& value);
+int appendVariant(sd_bus_message* message, const VelaValue& value, const WireHints& hints = {});
 
 // Reads an a{sv} at the message's read position. nullopt when anything in it
 // has a type with no property-list meaning, when a number does not fit, or

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "platform/prefs/cbor_codec.h"
 
-#include <cbor.h>
-
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <variant>
+
+#include <cbor.h>
 
 namespace vela::prefs {
 namespace {
@@ -23,83 +24,69 @@ class Encoder {
  public:
   std::vector<std::uint8_t> take() && { return std::move(out_); }
 
+  // False when the value nests deeper than kMaxNestingDepth.
   bool put(const VelaValue& value, int depth) {
-    return std::visit([&](const auto& v) { return putAlternative(v, depth); }, value.storage());
+    return std::visit([this, depth](const auto& v) { return this->putAlternative(v, depth); }, value.storage());
   }
 
  private:
+  template <typename T>
+  bool putAlternative(const T& v, int depth) {
+    if constexpr (std::is_same_v<T, std::string>) {
+      text(v);
+    } else if constexpr (std::is_same_v<T, std::int64_t>) {
+      if (v >= 0) {
+        head([&](unsigned char* b, std::size_t n) { return cbor_encode_uint(static_cast<std::uint64_t>(v), b, n); });
+      } else {
+        // CBOR stores a negative n as -1 - n; written this way INT64_MIN cannot overflow.
+        const auto magnitude = static_cast<std::uint64_t>(-(v + 1));
+        head([&](unsigned char* b, std::size_t n) { return cbor_encode_negint(magnitude, b, n); });
+      }
+    } else if constexpr (std::is_same_v<T, double>) {
+      head([&](unsigned char* b, std::size_t n) { return cbor_encode_double(v, b, n); });
+    } else if constexpr (std::is_same_v<T, bool>) {
+      head([&](unsigned char* b, std::size_t n) { return cbor_encode_bool(v, b, n); });
+    } else if constexpr (std::is_same_v<T, VelaDate>) {
+      head([](unsigned char* b, std::size_t n) { return cbor_encode_tag(kEpochDateTag, b, n); });
+      head([&](unsigned char* b, std::size_t n) { return cbor_encode_double(v.secondsSince1970, b, n); });
+    } else if constexpr (std::is_same_v<T, VelaData>) {
+      head([&](unsigned char* b, std::size_t n) { return cbor_encode_bytestring_start(v.size(), b, n); });
+      out_.insert(out_.end(), v.begin(), v.end());
+    } else if constexpr (std::is_same_v<T, VelaArray>) {
+      return members(v, depth);
+    } else if constexpr (std::is_same_v<T, VelaDictionary>) {
+      if (depth >= kMaxNestingDepth) return false;
+      head([&](unsigned char* b, std::size_t n) { return cbor_encode_map_start(v.size(), b, n); });
+      return std::all_of(v.begin(), v.end(), [&](const auto& entry) {
+        text(entry.first);
+        return put(entry.second, depth + 1);
+      });
+    } else {
+      static_assert(std::is_same_v<T, VelaSet>);
+      head([](unsigned char* b, std::size_t n) { return cbor_encode_tag(kSetTag, b, n); });
+      return members(v.members, depth);
+    }
+    return true;
+  }
+
   // libcbor encodes heads into a caller's buffer, and picks the shortest
   // integer form itself.
   template <typename Fn>
   void head(Fn&& encode) {
     const std::size_t at = out_.size();
     out_.resize(at + kMaxHeadSize);
-    out_.resize(at + encode(out_.data() + at, kMaxHeadSize));
-  }
-
-  void bytes(const void* data, std::size_t size) {
-    const auto* begin = static_cast<const std::uint8_t*>(data);
-    out_.insert(out_.end(), begin, begin + size);
+    out_.resize(at + std::forward<Fn>(encode)(out_.data() + at, kMaxHeadSize));
   }
 
   void text(const std::string& s) {
     head([&](unsigned char* b, std::size_t n) { return cbor_encode_string_start(s.size(), b, n); });
-    bytes(s.data(), s.size());
+    out_.insert(out_.end(), s.begin(), s.end());
   }
 
   bool members(const VelaArray& array, int depth) {
     if (depth >= kMaxNestingDepth) return false;
     head([&](unsigned char* b, std::size_t n) { return cbor_encode_array_start(array.size(), b, n); });
-    for (const VelaValue& member : array) {
-      if (!put(member, depth + 1)) return false;
-    }
-    return true;
-  }
-
-  bool putAlternative(const std::string& s, int) {
-    text(s);
-    return true;
-  }
-  bool putAlternative(std::int64_t i, int) {
-    if (i >= 0) {
-      head([&](unsigned char* b, std::size_t n) { return cbor_encode_uint(static_cast<std::uint64_t>(i), b, n); });
-    } else {
-      // CBOR stores a negative n as -1 - n; this form cannot overflow for INT64_MIN.
-      const auto magnitude = static_cast<std::uint64_t>(-(i + 1));
-      head([&](unsigned char* b, std::size_t n) { return cbor_encode_negint(magnitude, b, n); });
-    }
-    return true;
-  }
-  bool putAlternative(double d, int) {
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_double(d, b, n); });
-    return true;
-  }
-  bool putAlternative(bool flag, int) {
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_bool(flag, b, n); });
-    return true;
-  }
-  bool putAlternative(const VelaDate& date, int) {
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_tag(kEpochDateTag, b, n); });
-    return putAlternative(date.secondsSince1970, 0);
-  }
-  bool putAlternative(const VelaData& data, int) {
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_bytestring_start(data.size(), b, n); });
-    bytes(data.data(), data.size());
-    return true;
-  }
-  bool putAlternative(const VelaArray& array, int depth) { return members(array, depth); }
-  bool putAlternative(const VelaDictionary& dictionary, int depth) {
-    if (depth >= kMaxNestingDepth) return false;
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_map_start(dictionary.size(), b, n); });
-    for (const auto& [key, member] : dictionary) {
-      text(key);
-      if (!put(member, depth + 1)) return false;
-    }
-    return true;
-  }
-  bool putAlternative(const VelaSet& set, int depth) {
-    head([&](unsigned char* b, std::size_t n) { return cbor_encode_tag(kSetTag, b, n); });
-    return members(set.members, depth);
+    return std::all_of(array.begin(), array.end(), [&](const VelaValue& member) { return put(member, depth + 1); });
   }
 
   std::vector<std::uint8_t> out_;
@@ -199,7 +186,7 @@ std::optional<VelaValue> decodeTag(const cbor_item_t* tag, int depth) {
   if (!tagged) return std::nullopt;
   switch (cbor_tag_value(tag)) {
     case kEpochDateTag:
-      if (cbor_isa_float_ctrl(tagged.get()) && cbor_is_float(tagged.get())) {
+      if (cbor_is_float(tagged.get())) {
         return VelaDate{cbor_float_get_float(tagged.get())};
       }
       if (cbor_is_int(tagged.get())) {

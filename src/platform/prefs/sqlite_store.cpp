@@ -4,37 +4,37 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <pwd.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+
+#include <sqlite3.h>
 
 #include "platform/prefs/cbor_codec.h"
 
 namespace vela::prefs {
 namespace {
 
-constexpr char kCreateTable[] =
+constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS preferences ("
     "domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key)) WITHOUT ROWID";
-constexpr char kSelect[] = "SELECT value FROM preferences WHERE domain = ?1 AND key = ?2";
-constexpr char kUpsert[] = "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)";
-constexpr char kDelete[] = "DELETE FROM preferences WHERE domain = ?1 AND key = ?2";
+constexpr const char* kSelect = "SELECT value FROM preferences WHERE domain = ?1 AND key = ?2";
+constexpr const char* kUpsert = "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)";
+constexpr const char* kDelete = "DELETE FROM preferences WHERE domain = ?1 AND key = ?2";
 
 // secure_getenv: a set-user-ID host must not let its caller's environment pick
 // which file it creates and writes.
 const char* variable(const char* name) {
   const char* value = secure_getenv(name);
-  return value && *value ? value : nullptr;
+  return value != nullptr && value[0] != '\0' ? value : nullptr;
 }
 
 std::string homeDirectory() {
   if (const char* home = variable("HOME"); home && home[0] == '/') return home;
   // Services started without a HOME still have a passwd entry.
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  const auto size = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
   passwd entry{};
   passwd* found = nullptr;
@@ -94,8 +94,7 @@ void createDatabaseFile(const std::string& path) {
 
 // SQLite binds a null pointer as SQL NULL, which an empty string_view may carry.
 int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
-  return sqlite3_bind_text64(statement, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC,
-                             SQLITE_UTF8);
+  return sqlite3_bind_text64(statement, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC, SQLITE_UTF8);
 }
 
 // Ends the statement's implicit transaction however the caller leaves, so no
@@ -106,29 +105,29 @@ class ResetOnExit {
   ~ResetOnExit() { sqlite3_reset(statement_); }
   ResetOnExit(const ResetOnExit&) = delete;
   ResetOnExit& operator=(const ResetOnExit&) = delete;
+  ResetOnExit(ResetOnExit&&) = delete;
+  ResetOnExit& operator=(ResetOnExit&&) = delete;
 
  private:
   sqlite3_stmt* statement_;
 };
-
-SqliteStore* sharedStore = nullptr;
 
 }  // namespace
 
 void SqliteStore::StatementFinalizer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 
 SqliteStore& SqliteStore::shared() {
-  static SqliteStore* const store = [] {
-    sharedStore = new SqliteStore();
+  // Never destroyed, so that it stays usable from other static destructors.
+  static auto* const store = [] {       // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+    auto* created = new SqliteStore();  // NOLINT(cppcoreguidelines-owning-memory)
     // An open connection must not cross fork(): the child inherits SQLite's
     // record of the parent's file locks without the locks themselves, and a
     // connection it then opens believes it holds them. The parent closing its
     // last connection would then checkpoint and delete a WAL the child is still
     // writing into, losing the child's writes. Closing before the fork leaves
     // the child nothing to inherit; both sides reopen on their next call.
-    pthread_atfork([] { sharedStore->beforeFork(); }, [] { sharedStore->afterFork(); },
-                   [] { sharedStore->afterFork(); });
-    return sharedStore;
+    pthread_atfork([] { shared().beforeFork(); }, [] { shared().afterFork(); }, [] { shared().afterFork(); });
+    return created;
   }();
   return *store;
 }
@@ -175,7 +174,7 @@ bool SqliteStore::setValue(std::string_view domain, std::string_view key, const 
 // Nothing to do: no call keeps a read transaction open, so the next read starts
 // a fresh one that sees every write any process has committed. There is no
 // per-process copy of the data to refresh.
-void SqliteStore::synchronize(std::string_view) {}
+void SqliteStore::synchronize(std::string_view /*domain*/) {}
 
 bool SqliteStore::ready(Access access) {
   if (db_ && pid_ != getpid()) abandonInheritedConnection();
@@ -230,10 +229,12 @@ void SqliteStore::close() {
   path_.clear();
 }
 
-// Reached only when a child was made without the fork handlers running (for
-// example by a raw clone). Closing the parent's connection here would release
-// locks that belong to the parent's SQLite state, so it is left alone, kept
-// reachable, and a new one is opened.
+// Reached only when a child was made without the fork handlers running (a raw
+// clone, or _Fork). Closing the inherited connection could act on the parent's
+// files as if this were the parent (checkpoint, delete the WAL), so it is left
+// alone and kept reachable, and a new one is opened. The fork handlers are what
+// make a child fully safe; this only keeps such a child from using a
+// connection that is not its own.
 void SqliteStore::abandonInheritedConnection() {
   (void)select_.release();
   (void)upsert_.release();

@@ -19,7 +19,7 @@ namespace vela::prefs {
 
 // Environment variable that names the database file; when unset the file is
 // $XDG_CONFIG_HOME/vela/preferences.sqlite3, with ~/.config as the default.
-inline constexpr char kPathVariable[] = "VELA_PREFERENCES_PATH";
+inline constexpr const char* kPathVariable = "VELA_PREFERENCES_PATH";
 // How long a write waits for another process's write to finish.
 inline constexpr int kBusyTimeoutMs = 5000;
 
@@ -45,6 +45,8 @@ class SqliteStore {
 
   SqliteStore(const SqliteStore&) = delete;
   SqliteStore& operator=(const SqliteStore&) = delete;
+  SqliteStore(SqliteStore&&) = delete;
+  SqliteStore& operator=(SqliteStore&&) = delete;
 
   std::optional<VelaValue> copyValue(std::string_view domain, std::string_view key);
 
