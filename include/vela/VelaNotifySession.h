@@ -148,6 +148,20 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // what locusAccount left.
   std::nullptr_t retrieveAllAccounts(std::optional<VelaDictionary>& accounts);
 
+  // ---- Push topics and debug dump ---------------------------------------------
+  //
+  // Sent without waiting: the daemon is not asked to answer, failures are
+  // dropped, and velaLastOperationResult reads 0 afterwards. Arguments are
+  // passed unchanged (nil as nil, empty as empty).
+  // Blocks: no (only to find the connection).  Thread: any.
+
+  // Asks the daemon to listen for push messages on `topic` for this client.
+  void startListeningOnTopic(std::optional<std::string> topic);
+  // Asks the daemon to stop listening on `topic`, started or not.
+  void stopListeningOnTopic(std::optional<std::string> topic);
+  // Asks the daemon to dump its debug state; `argument` is the daemon's to read.
+  void dumpDebugInfo(std::optional<std::string> argument);
+
   // Accessors. Thread: any (each access is atomic on its own).
   std::shared_ptr<vela::bus::NamedConnection> linkConnection() const;
   void setLinkConnection(std::shared_ptr<vela::bus::NamedConnection> connection);

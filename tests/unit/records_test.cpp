@@ -10,6 +10,7 @@
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
 
+#include "record_samples.h"
 #include "records/archive_io.h"
 
 namespace {
@@ -29,32 +30,8 @@ VelaDictionary archiveOf(VelaDictionary entries) {
   return entries;
 }
 
-VelaKithAccountInfo fullAccount() {
-  VelaKithAccountInfo account;
-  account.setDsid("1234567");
-  account.setUsername("ann@example.org");
-  account.setAppAuthToken("app-token");
-  account.setAppAuthTokenStatus(-3);
-  account.setAdditionalInfo(VelaDictionary{{"region", "eu"}});
-  account.setVelaServerHost("kith.example.org");
-  account.setVelaServerProtocolScheme("https");
-  account.setVelaRelayEnvironment("production");
-  account.setInternalAuthToken("internal-token");
-  return account;
-}
-
-// The description masks the tokens, so compare the fields one by one.
-void expectSameAccount(const VelaKithAccountInfo& a, const VelaKithAccountInfo& b) {
-  EXPECT_EQ(a.dsid(), b.dsid());
-  EXPECT_EQ(a.username(), b.username());
-  EXPECT_EQ(a.appAuthToken(), b.appAuthToken());
-  EXPECT_EQ(a.appAuthTokenStatus(), b.appAuthTokenStatus());
-  EXPECT_EQ(a.additionalInfo(), b.additionalInfo());
-  EXPECT_EQ(a.velaServerHost(), b.velaServerHost());
-  EXPECT_EQ(a.velaServerProtocolScheme(), b.velaServerProtocolScheme());
-  EXPECT_EQ(a.velaRelayEnvironment(), b.velaRelayEnvironment());
-  EXPECT_EQ(a.internalAuthToken(), b.internalAuthToken());
-}
+using vela::testing::expectSameKithAccount;
+using vela::testing::fullKithAccount;
 
 TEST(AKithAccountArchive, RoundTripsFullSparseAndOddRecords) {
   VelaKithAccountInfo sparse;  // nil fields must stay nil, and empty must stay empty
@@ -62,11 +39,11 @@ TEST(AKithAccountArchive, RoundTripsFullSparseAndOddRecords) {
   sparse.setAppAuthTokenStatus(std::numeric_limits<std::int32_t>::min());
   VelaKithAccountInfo oddInfo;
   oddInfo.setAdditionalInfo(VelaArray{"a", VelaSet{{VelaDate{2}}}});
-  for (const VelaKithAccountInfo& account : {fullAccount(), sparse, oddInfo, VelaKithAccountInfo()}) {
+  for (const VelaKithAccountInfo& account : {fullKithAccount(), sparse, oddInfo, VelaKithAccountInfo()}) {
     const VelaDictionary archive = archiveRecord(account);
     auto decoded = unarchiveRecord<VelaKithAccountInfo>(archive);
     ASSERT_NE(decoded, nullptr) << account.description();
-    expectSameAccount(*decoded, account);
+    expectSameKithAccount(*decoded, account);
   }
   // Key names and value types are what the daemon reads; a round trip alone cannot catch a misspelled key.
   const VelaDictionary fullArchive{{"$class", "VelaKithAccountInfo"},
@@ -79,7 +56,7 @@ TEST(AKithAccountArchive, RoundTripsFullSparseAndOddRecords) {
                                    {"velaServerHost", "kith.example.org"},
                                    {"velaServerProtocolScheme", "https"},
                                    {"velaRelayEnvironment", "production"}};
-  EXPECT_EQ(archiveRecord(fullAccount()), fullArchive);
+  EXPECT_EQ(archiveRecord(fullKithAccount()), fullArchive);
   EXPECT_EQ(archiveRecord(sparse),
             (VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"username", ""}, {"appAuthTokenStatus", INT32_MIN}}));
 }
@@ -104,7 +81,7 @@ TEST(ARecordDecoder, RefusesTheWholeRecordForOneWronglyTypedKey) {
   const std::pair<const char*, VelaValue> kithFaults[] = {
       {"dsid", 1}, {"appAuthTokenStatus", "0"}, {"internalAuthToken", VelaData{}}, {"velaRelayEnvironment", true}};
   for (const auto& [key, bad] : kithFaults) {
-    VelaDictionary archive = archiveRecord(fullAccount());
+    VelaDictionary archive = archiveRecord(fullKithAccount());
     archive.insert_or_assign(key, bad);
     std::string whyNot;
     EXPECT_EQ(unarchiveRecord<VelaKithAccountInfo>(archive, &whyNot), nullptr) << key;
@@ -136,7 +113,7 @@ TEST(AKithAccountDescription, PrintsFieldsInOrderAndNeverATokensValue) {
   const VelaKithAccountInfo empty;
   EXPECT_EQ(empty.description(),
             "VelaKithAccountInfo(" + hexAddress(&empty) + ") (null),(null),(nil),0,(nil),(null),(null),(null),(null)");
-  const VelaKithAccountInfo account = fullAccount();
+  const VelaKithAccountInfo account = fullKithAccount();
   EXPECT_EQ(account.description(), "VelaKithAccountInfo(" + hexAddress(&account) +
                                        ") 1234567,ann@example.org,(not-nil),-3,(not-nil),kith.example.org,https,"
                                        "production," +

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
 
 #include <vela/VelaError.h>
 
@@ -25,6 +26,16 @@ using Action = std::function<Outcome()>;
 // Each group of subcommands registers itself on the app; the subcommand's
 // callback stores its action in `chosen`.
 void addLocatingCommands(CLI::App& app, Action& chosen);
+void addTopicCommands(CLI::App& app, Action& chosen);
+
+// A string option where leaving it out means nil and an empty one means "".
+struct OptionalString {
+  std::string value;
+  CLI::Option* option = nullptr;
+  std::optional<std::string> get() const {
+    return option != nullptr && option->count() > 0 ? std::optional(value) : std::nullopt;
+  }
+};
 
 // Waits for a completion that runs on another thread. nullopt when `limit`
 // passed first.

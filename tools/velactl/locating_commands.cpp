@@ -18,15 +18,6 @@ nlohmann::json optionalValue(const std::optional<VelaDictionary>& value) {
   return value ? toJson(VelaValue(*value)) : nlohmann::json();
 }
 
-// Options left out are nil; an empty option is an empty string.
-struct OptionalString {
-  std::string value;
-  CLI::Option* option = nullptr;
-  std::optional<std::string> get() const {
-    return option != nullptr && option->count() > 0 ? std::optional(value) : std::nullopt;
-  }
-};
-
 void addQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
               std::optional<std::string> (VelaNotifySession::*query)()) {
   app.add_subcommand(name, help)->callback([&chosen, query] {

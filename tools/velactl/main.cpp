@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
   app.fallthrough();
   velactl::Action chosen;
   velactl::addLocatingCommands(app, chosen);
+  velactl::addTopicCommands(app, chosen);
   CLI11_PARSE(app, argc, argv);
   return report(chosen(), json);
 }

@@ -23,7 +23,7 @@ namespace {
 
 // Argument names as sd-bus wants them: inputs then outputs, each
 // NUL-terminated.
-constexpr std::string_view kParameterNames{"request\0reply\0", 15};
+constexpr std::string_view kParameterNames{"request\0reply\0", 14};
 constexpr const char* kDictionarySignature = "a{sv}";
 
 // Timers must fire close to when they were asked for: tests measure delays,
