@@ -2,14 +2,15 @@
 // The preference class against bare SQLite doing the same row operation on a
 // connection with the same settings, so that the gap is what the class adds:
 // path lookup, locking, fork check, CBOR and type checks.
-#include <vela/VelaPreferencesUtil.h>
-
-#include <benchmark/benchmark.h>
-#include <sqlite3.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <string>
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/cbor_codec.h"
 #include "platform/prefs/sqlite_store.h"

@@ -2,13 +2,14 @@
 #include "daemon_state.h"
 
 #include <random>
+#include <string_view>
 
 namespace vela::daemon {
 namespace {
 
 // A device identifier in the usual form: 40 lower-case hexadecimal digits.
 std::string newDeviceId(std::mt19937_64& generator) {
-  static constexpr char kDigits[] = "0123456789abcdef";
+  static constexpr std::string_view kDigits = "0123456789abcdef";
   std::uniform_int_distribution<int> digit(0, 15);
   std::string id(40, '0');
   for (char& c : id) c = kDigits[digit(generator)];

@@ -2,6 +2,7 @@
 #include "handset_actions.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include <vela/VelaConstants.h>
@@ -55,7 +56,7 @@ struct HandsetActions::Member {
 
 std::span<const HandsetActions::Member> HandsetActions::table() {
   namespace m = wire::member;
-  static constexpr Member kTable[] = {
+  static constexpr auto kTable = std::to_array<Member>({
       {m::kEnableLostModeWithInfo, "info:VelaLostModeInfo", "", &HandsetActions::enableLostModeWithInfo},
       {m::kDisableLostMode, "", "", &HandsetActions::disableLostMode},
       {m::kGetLocusState, "", "state:i", &HandsetActions::getLocusState},
@@ -76,7 +77,7 @@ std::span<const HandsetActions::Member> HandsetActions::table() {
       {m::kStartListeningOnTopic, "topic:s", "", &HandsetActions::startListeningOnTopic},
       {m::kStopListeningOnTopic, "topic:s", "", &HandsetActions::stopListeningOnTopic},
       {m::kDumpDebugInfo, "argument:s", "", &HandsetActions::dumpDebugInfo},
-  };
+  });
   return kTable;
 }
 
@@ -170,10 +171,12 @@ Answer HandsetActions::getStoreAccount(RequestArguments& /*args*/, const std::st
   return answer;
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): every member's handler has one signature
 Answer HandsetActions::getLocusAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
   return Answer{accountValues(state_.locusAccount), std::nullopt, std::nullopt};
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): every member's handler has one signature
 Answer HandsetActions::getNimbusAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
   return Answer{accountValues(state_.nimbusAccount), std::nullopt, std::nullopt};
 }

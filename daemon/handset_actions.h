@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <optional>
 #include <span>
@@ -30,8 +31,6 @@ struct Answer {
 // The reply body: the values, plus the error under "error" when there is one.
 VelaDictionary replyBody(VelaDictionary values, const std::optional<VelaError>& error);
 
-// Reply keys that the interface types as 32-bit integers.
-inline constexpr std::string_view kInt32ReplyKeys[] = {"state"};
 
 // The twenty members of HandsetActions, carried out on the daemon's state.
 class HandsetActions {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "session/handset_wire.h"
 #include "handset_service.h"
 
 #include <unistd.h>
@@ -45,10 +46,10 @@ void HandsetService::carryOut(const Behavior& behavior, bus::IncomingCall& call)
       r = call.reply.replyWithString("not a dictionary");
       break;
     case BehaviorMode::kError:
-      r = call.reply.reply(replyBody({}, behavior.error), kInt32ReplyKeys);
+      r = call.reply.reply(replyBody({}, behavior.error), vela::session::wire::kInt32Keys);
       break;
     case BehaviorMode::kValues:
-      r = call.reply.reply(replyBody(behavior.values, behavior.error), kInt32ReplyKeys);
+      r = call.reply.reply(replyBody(behavior.values, behavior.error), vela::session::wire::kInt32Keys);
       break;
     case BehaviorMode::kNormal:
     case BehaviorMode::kDelay: {
@@ -57,7 +58,7 @@ void HandsetService::carryOut(const Behavior& behavior, bus::IncomingCall& call)
         logVerbose(call.member + " refused: " + *answer.refusal);
         r = call.reply.replyError(bus::kInvalidArgsError, *answer.refusal);
       } else {
-        r = call.reply.reply(replyBody(answer.values, answer.error), kInt32ReplyKeys);
+        r = call.reply.reply(replyBody(answer.values, answer.error), vela::session::wire::kInt32Keys);
       }
       break;
     }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "interface_description.h"
 
+#include <array>
 #include <cctype>
 
 #include "handset_actions_xml.h"
@@ -94,8 +95,8 @@ class IntrospectionReader {
   }
 
   static std::optional<std::string> decodeEntities(std::string_view raw) {
-    static constexpr std::pair<std::string_view, char> kEntities[] = {
-        {"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&apos;", '\''}};
+    static constexpr std::array<std::pair<std::string_view, char>, 5> kEntities = {
+        {{"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&apos;", '\''}}};
     std::string out;
     for (std::size_t i = 0; i < raw.size();) {
       if (raw[i] != '&') {
@@ -120,14 +121,14 @@ class IntrospectionReader {
     const std::size_t start = pos_;
     while (pos_ < xml_.size()) {
       const auto c = static_cast<unsigned char>(xml_[pos_]);
-      if (std::isspace(c) || c == '=' || c == '/' || c == '>' || c == '<') break;
+      if (std::isspace(c) != 0 || c == '=' || c == '/' || c == '>' || c == '<') break;
       ++pos_;
     }
     return std::string(xml_.substr(start, pos_ - start));
   }
 
   void skipSpace() {
-    while (pos_ < xml_.size() && std::isspace(static_cast<unsigned char>(xml_[pos_]))) ++pos_;
+    while (pos_ < xml_.size() && std::isspace(static_cast<unsigned char>(xml_[pos_])) != 0) ++pos_;
   }
 
   char peek() const { return pos_ < xml_.size() ? xml_[pos_] : '\0'; }
@@ -148,53 +149,67 @@ std::string attribute(const IntrospectionReader::Tag& tag, std::string_view name
   return found != tag.attributes.end() ? found->second : std::string();
 }
 
+// Gathers the methods of one interface from the stream of tags.
+class MethodCollector {
+ public:
+  explicit MethodCollector(std::string_view interface) : interface_(interface) {}
+
+  void take(const IntrospectionReader::Tag& tag) {
+    if (tag.name == "interface") {
+      if (tag.closing) {
+        inInterface_ = false;
+      } else if (!tag.selfClosing && attribute(tag, "name") == interface_) {
+        inInterface_ = true;
+        found_ = true;
+      }
+    } else if (inInterface_) {
+      takeInsideInterface(tag);
+    }
+  }
+
+  bool found() const { return found_; }
+  std::vector<MethodDescription>& methods() { return methods_; }
+
+ private:
+  void takeInsideInterface(const IntrospectionReader::Tag& tag) {
+    if (tag.name == "method") {
+      if (!tag.closing) methods_.push_back(MethodDescription{attribute(tag, "name"), {}, {}});
+      inMethod_ = !tag.closing && !tag.selfClosing;
+    } else if (tag.name == "signal" || tag.name == "property") {
+      inMethod_ = false;
+    } else if (inMethod_ && !tag.closing && tag.name == "arg") {
+      methods_.back().arguments.push_back(
+          ArgumentDescription{attribute(tag, "name"), attribute(tag, "type"), attribute(tag, "direction")});
+    } else if (inMethod_ && !tag.closing && tag.name == "annotation") {
+      methods_.back().annotations.insert_or_assign(attribute(tag, "name"), attribute(tag, "value"));
+    }
+  }
+
+  std::string_view interface_;
+  std::vector<MethodDescription> methods_;
+  bool found_ = false;
+  bool inInterface_ = false;
+  // Arguments and annotations of signals and properties are not the
+  // method's; only those directly inside <method> count.
+  bool inMethod_ = false;
+};
+
 }  // namespace
 
 std::optional<std::vector<MethodDescription>> readInterfaceMethods(std::string_view xml, std::string_view interface,
                                                                    std::string* whyNot) {
   IntrospectionReader reader(xml);
-  std::vector<MethodDescription> methods;
-  bool foundInterface = false;
-  bool inInterface = false;
-  // Arguments and annotations of signals and properties are not the
-  // method's; only those directly inside <method> count.
-  bool inMethod = false;
-  while (std::optional<IntrospectionReader::Tag> tag = reader.next()) {
-    if (tag->name == "interface") {
-      if (tag->closing) {
-        inInterface = false;
-      } else if (!tag->selfClosing && attribute(*tag, "name") == interface) {
-        inInterface = true;
-        foundInterface = true;
-      }
-      continue;
-    }
-    if (!inInterface) continue;
-    if (tag->name == "method") {
-      if (tag->closing) {
-        inMethod = false;
-        continue;
-      }
-      methods.push_back(MethodDescription{attribute(*tag, "name"), {}, {}});
-      inMethod = !tag->selfClosing;
-    } else if (tag->name == "signal" || tag->name == "property") {
-      inMethod = false;
-    } else if (inMethod && tag->name == "arg" && !tag->closing) {
-      methods.back().arguments.push_back(
-          ArgumentDescription{attribute(*tag, "name"), attribute(*tag, "type"), attribute(*tag, "direction")});
-    } else if (inMethod && tag->name == "annotation" && !tag->closing) {
-      methods.back().annotations.insert_or_assign(attribute(*tag, "name"), attribute(*tag, "value"));
-    }
-  }
+  MethodCollector collector(interface);
+  while (std::optional<IntrospectionReader::Tag> tag = reader.next()) collector.take(*tag);
   if (!reader.error().empty()) {
     if (whyNot != nullptr) *whyNot = reader.error();
     return std::nullopt;
   }
-  if (!foundInterface) {
+  if (!collector.found()) {
     if (whyNot != nullptr) *whyNot = "no interface " + std::string(interface);
     return std::nullopt;
   }
-  return methods;
+  return std::move(collector.methods());
 }
 
 std::string_view handsetActionsDescription() { return generated::kHandsetActionsXml; }

@@ -8,7 +8,7 @@
 // carry personal data.
 namespace vela::daemon {
 
-void setVerboseLogging(bool verbose);
+void setVerboseLogging(bool on);
 
 // Written always: start-up, failures, debug dumps.
 void logLine(std::string_view text);

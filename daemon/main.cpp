@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -35,9 +36,9 @@ struct Options {
 // Tells whoever started velad that the name is taken and calls can be made,
 // so tests wait on this rather than on a guess of how long start-up takes.
 bool announceReady(int fd) {
-  static constexpr char kReady[] = "READY\n";
-  const ssize_t written = write(fd, kReady, sizeof kReady - 1);
-  const bool ok = written == static_cast<ssize_t>(sizeof kReady - 1);
+  static constexpr std::string_view kReady = "READY\n";
+  const ssize_t written = write(fd, kReady.data(), kReady.size());
+  const bool ok = written == static_cast<ssize_t>(kReady.size());
   close(fd);
   return ok;
 }
@@ -100,20 +101,35 @@ int serve(const Options& options) {
   return r;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  Options options;
+// Reads the options. Returns the exit code when velad must stop at once
+// (after --help, or on an unknown or malformed option, with CLI11's message).
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   CLI::App app{"velad: serves com.zentrex.VelaNotification on the system or session bus"};
   app.add_option("--bus", options.bus, "the bus to serve on")
       ->check(CLI::IsMember({"system", "session"}))
       ->capture_default_str();
   app.add_flag("--testing", options.testing, "also serve com.zentrex.VelaNotification.Testing");
-  app.add_option("--ready-fd", options.readyFd, "write \"READY\" to this descriptor once serving, then close it")
+  app.add_option("--ready-fd", options.readyFd, R"(write "READY" to this descriptor once serving, then close it)")
       ->check(CLI::NonNegativeNumber);
   app.add_flag("--verbose", options.verbose, "log every request and state change to stderr");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  return std::nullopt;
+}
 
-  daemon::setVerboseLogging(options.verbose);
-  return serve(options);
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    Options options;
+    if (const std::optional<int> exitCode = parseOptions(argc, argv, options)) return *exitCode;
+    daemon::setVerboseLogging(options.verbose);
+    return serve(options);
+  } catch (const std::exception& e) {
+    daemon::logLine(std::string("stopped by an unexpected failure: ") + e.what());
+    return 1;
+  }
 }

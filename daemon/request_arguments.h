@@ -33,7 +33,7 @@ class RequestArguments {
   std::optional<std::int32_t> int32(std::string_view key) {
     const VelaValue* value = find(key);
     if (value == nullptr) return std::nullopt;
-    const std::int64_t* i = value->getIf<std::int64_t>();
+    const auto* i = value->getIf<std::int64_t>();
     if (i != nullptr && *i >= std::numeric_limits<std::int32_t>::min() &&
         *i <= std::numeric_limits<std::int32_t>::max()) {
       return static_cast<std::int32_t>(*i);

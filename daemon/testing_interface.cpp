@@ -50,6 +50,13 @@ class Fields {
   const VelaDictionary& args_;
 };
 
+std::optional<BehaviorMode> modeNamed(std::string_view name) {
+  for (const auto& [modeName, mode] : kModes) {
+    if (modeName == name) return mode;
+  }
+  return std::nullopt;
+}
+
 std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::string& problem) {
   Fields fields(dict);
   const auto* domain = fields.get<std::string>("domain", "a string");
@@ -60,7 +67,7 @@ std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::st
     return std::nullopt;
   }
   if (domain == nullptr || code == nullptr) {
-    problem = "error needs \"domain\" and \"code\"";
+    problem = R"(error needs "domain" and "code")";
     return std::nullopt;
   }
   return VelaError(*domain, *code, userInfo != nullptr ? *userInfo : VelaDictionary{});
@@ -110,23 +117,23 @@ std::optional<std::string> TestingInterface::setBehavior(const VelaDictionary& a
   const auto* values = fields.get<VelaDictionary>("values", "a dictionary");
   const auto* times = fields.get<std::int64_t>("times", "an integer");
   if (fields.problem) return fields.problem;
-  if (member == nullptr || !handsetMembers_.contains(*member)) return "\"member\" must name a HandsetActions member";
-  if (mode == nullptr) return "\"mode\" is required";
-  const auto known = std::find_if(kModes.begin(), kModes.end(), [&](const auto& m) { return m.first == *mode; });
-  if (known == kModes.end()) return "unknown mode \"" + *mode + "\"";
-  if (delayMs != nullptr && *delayMs < 0) return "\"delayMs\" must not be negative";
-  if (times != nullptr && *times < 1) return "\"times\" must be at least 1";
+  if (member == nullptr || !handsetMembers_.contains(*member)) return R"("member" must name a HandsetActions member)";
+  if (mode == nullptr) return R"("mode" is required)";
+  const std::optional<BehaviorMode> known = modeNamed(*mode);
+  if (!known) return R"(unknown mode ")" + *mode + R"(")";
+  if (delayMs != nullptr && *delayMs < 0) return R"("delayMs" must not be negative)";
+  if (times != nullptr && *times < 1) return R"("times" must be at least 1)";
 
   StoredBehavior stored;
-  stored.behavior.mode = known->second;
+  stored.behavior.mode = *known;
   if (delayMs != nullptr) stored.behavior.delay = std::chrono::milliseconds(*delayMs);
   if (error != nullptr) {
     std::string problem;
     stored.behavior.error = errorFromDictionary(*error, problem);
     if (!stored.behavior.error) return problem;
   }
-  if (stored.behavior.mode == BehaviorMode::kError && !stored.behavior.error) return "mode \"error\" needs \"error\"";
-  if (stored.behavior.mode == BehaviorMode::kDelay && delayMs == nullptr) return "mode \"delay\" needs \"delayMs\"";
+  if (stored.behavior.mode == BehaviorMode::kError && !stored.behavior.error) return R"(mode "error" needs "error")";
+  if (stored.behavior.mode == BehaviorMode::kDelay && delayMs == nullptr) return R"(mode "delay" needs "delayMs")";
   if (values != nullptr) stored.behavior.values = *values;
   if (times != nullptr) stored.timesLeft = *times;
   behaviors_.insert_or_assign(*member, std::move(stored));
@@ -141,9 +148,10 @@ std::optional<std::string> TestingInterface::postNotification(const VelaDictiona
   const auto* userInfo = fields.get<VelaDictionary>("userInfo", "a dictionary");
   const auto* destination = fields.get<std::string>("destination", "a string");
   if (fields.problem) return fields.problem;
-  if (center == nullptr || name == nullptr) return "\"center\" and \"name\" are required";
-  const int r = host_.emitNotification(*center, *name, userInfo != nullptr ? *userInfo : VelaDictionary{},
-                                       destination != nullptr ? std::string_view(*destination) : std::string_view());
+  if (center == nullptr || name == nullptr) return R"("center" and "name" are required)";
+  std::string_view to;  // broadcast
+  if (destination != nullptr) to = *destination;
+  const int r = host_.emitNotification(*center, *name, userInfo != nullptr ? *userInfo : VelaDictionary{}, to);
   if (r < 0) return std::string("cannot post the notification: ") + std::strerror(-r);
   return std::nullopt;
 }

@@ -7,12 +7,21 @@
 # process and file the demo made is gone when it exits.
 
 # ---- The demo's velactl commands, in order. One entry per command line;
-# ---- arguments are separated by spaces. Add new commands here.
+# ---- arguments are separated by spaces. Add new commands here. An entry
+# ---- starting with "once " runs only in its JSON form: switching locating
+# ---- twice in a row is (rightly) refused while the first switch settles.
 demo_commands=(
   "locus-device-id"
   "kith-device-id"
   "store-account"
   "locus-account"
+  "nimbus-account"
+  "retrieve-all-accounts"
+  "locus-state"
+  "once enable-locus --context 1"
+  "once is-locus-state-change-in-progress"
+  "start-listening-on-topic --topic demo.topic"
+  "dump-debug-info --argument all"
 )
 
 set -euo pipefail
@@ -21,8 +30,14 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 "$root/scripts/deps.sh"
-cmake --preset release >/dev/null
-cmake --build --preset release --target velad velactl
+echo "Building velad and velactl (release preset)..."
+build_log=$(mktemp "${TMPDIR:-/tmp}/vela-demo-build.XXXXXX")
+if ! { cmake --preset release && cmake --build --preset release --target velad velactl; } >"$build_log" 2>&1; then
+  cat "$build_log" >&2
+  rm -f "$build_log"
+  exit 1
+fi
+rm -f "$build_log"
 # Wherever the build put them.
 velad=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velad -perm -u+x -print -quit)
 velactl=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velactl -perm -u+x -print -quit)
@@ -44,7 +59,7 @@ cleanup() {
   exit "$status"
 }
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+trap 'exit 130' INT TERM HUP PIPE
 
 # wait_ready FIFO: the first line a child writes to FIFO; fails when the child
 # exits (closing it) or stays silent for 60 s.
@@ -86,7 +101,12 @@ echo "velad is running on a private bus (pid $velad_pid)"
 failures=0
 for entry in "${demo_commands[@]}"; do
   read -ra args <<<"$entry"
-  for form in json human; do
+  forms=(json human)
+  if [[ ${args[0]} == once ]]; then
+    args=("${args[@]:1}")
+    forms=(json)
+  fi
+  for form in "${forms[@]}"; do
     flags=()
     [[ $form == json ]] && flags=(--json)
     printf '\n$ velactl %s\n' "${flags[*]+${flags[*]} }${args[*]}"

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include <vela/VelaPreferencesUtil.h>
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <chrono>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/cbor_codec.h"
 #include "prefs_test_support.h"
@@ -144,7 +145,7 @@ TEST_F(SeveralWriters, AWriterKilledMidLoopLeavesAnOldOrNewValueForEveryKey) {
     EXPECT_TRUE(*round == completed || *round == completed + 1) << *round << " after " << completed;
     EXPECT_EQ(*value, roundValue(*round));
   }
-  EXPECT_EQ(RawDatabase(path_).integrityCheck(), "ok");
+  EXPECT_EQ(RawDatabase(path_).scalar("PRAGMA integrity_check"), "ok");
 }
 
 TEST_F(SeveralWriters, ReadsDoNotWaitForAnotherProcesssOpenWrite) {

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include <vela/VelaPreferencesUtil.h>
-
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cmath>
 #include <fstream>
 #include <functional>
 #include <limits>
+
+#include <gtest/gtest.h>
+
+#include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/cbor_codec.h"
 #include "prefs_test_support.h"
@@ -33,8 +34,15 @@ TEST_F(APreferenceStore, TypedReadersReturnOnlyTheirOwnType) {
       {Type::kArray, [] { return asValue(Prefs::arrayForKey("k", kDomain)); }},
       {Type::kData, [] { return asValue(Prefs::dataForKey("k", kDomain)); }},
   };
-  const std::vector<VelaValue> stored = {"text", 7, 2.5, true, VelaDate{86400}, VelaData{1, 2},
-                                         VelaArray{"a", 1}, VelaDictionary{{"a", VelaArray{}}}, VelaSet{{"a"}}};
+  const std::vector<VelaValue> stored = {"text",
+                                         7,
+                                         2.5,
+                                         true,
+                                         VelaDate{86400},
+                                         VelaData{1, 2},
+                                         VelaArray{"a", 1},
+                                         VelaDictionary{{"a", VelaArray{}}},
+                                         VelaSet{{"a"}}};
   for (const VelaValue& value : stored) {
     Prefs::setObject(value, "k", kDomain);
     EXPECT_EQ(Prefs::objectForKey("k", kDomain), value);
@@ -55,6 +63,7 @@ TEST_F(APreferenceStore, ReadsBooleansAndIntegersByTheCoercionRules) {
     bool asBool;
     std::intptr_t asInteger;
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {true, true, 1}, {false, false, 0}, {0, false, 0}, {-3, true, -3}, {kMax, true, kMax},
       {2.9, true, 2}, {-2.9, true, -2}, {0.0, false, 0}, {1e300, true, kMax}, {std::nan(""), true, 0},
@@ -63,6 +72,7 @@ TEST_F(APreferenceStore, ReadsBooleansAndIntegersByTheCoercionRules) {
       {"5 ", false, 0}, {"5.0", false, 0}, {"", false, 0}, {"99999999999999999999", false, 0}, {"y", false, 0},
       {VelaDate{1}, false, 0}, {VelaData{1}, false, 0}, {VelaArray{1}, false, 0}, {VelaDictionary{{"a", 1}}, false, 0},
   };
+  // clang-format on
   for (const Case& c : cases) {
     Prefs::setObject(c.stored, "k", kDomain);
     EXPECT_EQ(Prefs::boolForKey("k", kDomain), c.asBool) << c.stored.description();
@@ -80,8 +90,8 @@ TEST_F(APreferenceStore, StoresBooleansAsBooleansAndIntegersAsIntegers) {
   EXPECT_EQ(Prefs::objectForKey("off", kDomain), VelaValue(false));
   EXPECT_EQ(Prefs::objectForKey("n", kDomain), VelaValue(-5));
   RawDatabase raw(path_);
-  EXPECT_EQ(raw.get(kDomain, "on"), std::vector<std::uint8_t>{0xf5});
-  EXPECT_EQ(raw.get(kDomain, "off"), std::vector<std::uint8_t>{0xf4});
+  EXPECT_EQ(raw.scalar("SELECT value FROM preferences WHERE key = 'on'"), "\xf5");
+  EXPECT_EQ(raw.scalar("SELECT value FROM preferences WHERE key = 'off'"), "\xf4");
 }
 
 TEST_F(APreferenceStore, NilRemovesTheKeyInItsDomainOnly) {
@@ -165,8 +175,9 @@ TEST_F(APreferenceStore, SurvivesADamagedDatabaseFile) {
   auto valueOf = [](int i) { return VelaValue(std::string(40, 'v') + std::to_string(i)); };
   {
     RawDatabase raw(path_);
-    ASSERT_TRUE(raw.exec("CREATE TABLE preferences (domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key))"
-                         " WITHOUT ROWID; BEGIN"));
+    ASSERT_TRUE(
+        raw.exec("CREATE TABLE preferences (domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key))"
+                 " WITHOUT ROWID; BEGIN"));
     for (int i = 0; i < kRows; ++i) raw.put(kDomain, std::to_string(i).c_str(), *encodeValue(valueOf(i)));
     ASSERT_TRUE(raw.exec("COMMIT"));
   }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,10 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/prefs/sqlite_store.h"
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 
-// Failure messages show values as the library describes them.
-inline void PrintTo(const VelaValue& value, std::ostream* out) { *out << value.description(); }
+#include "platform/prefs/sqlite_store.h"
+#include "printers.h"
 
 namespace vela::prefs {
 
@@ -64,26 +63,16 @@ class RawDatabase {
     sqlite3_finalize(s);
   }
 
-  std::optional<std::vector<std::uint8_t>> get(const char* domain, const char* key) {
+  // The first column of the first row `sql` yields, as bytes.
+  std::optional<std::string> scalar(const char* sql) {
     sqlite3_stmt* s = nullptr;
-    sqlite3_prepare_v2(db_, "SELECT value FROM preferences WHERE domain = ?1 AND key = ?2", -1, &s, nullptr);
-    sqlite3_bind_text(s, 1, domain, -1, SQLITE_STATIC);
-    sqlite3_bind_text(s, 2, key, -1, SQLITE_STATIC);
-    std::optional<std::vector<std::uint8_t>> out;
+    sqlite3_prepare_v2(db_, sql, -1, &s, nullptr);
+    std::optional<std::string> out;
     if (sqlite3_step(s) == SQLITE_ROW) {
-      const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(s, 0));
-      out.emplace(p, p + sqlite3_column_bytes(s, 0));
+      out.emplace(static_cast<const char*>(sqlite3_column_blob(s, 0)), sqlite3_column_bytes(s, 0));
     }
     sqlite3_finalize(s);
     return out;
-  }
-
-  std::string integrityCheck() {
-    sqlite3_stmt* s = nullptr;
-    sqlite3_prepare_v2(db_, "PRAGMA integrity_check", -1, &s, nullptr);
-    std::string result = sqlite3_step(s) == SQLITE_ROW ? reinterpret_cast<const char*>(sqlite3_column_text(s, 0)) : "";
-    sqlite3_finalize(s);
-    return result;
   }
 
  private:
