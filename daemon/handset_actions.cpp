@@ -206,7 +206,7 @@ Answer HandsetActions::switchLocus(std::int32_t settled, std::int32_t context) {
   state_.lastLocusContext = context;
   if (state_.locusState == settled) return {};
   setLocusState(kLocusStateSwitching);
-  const int r = host_.addTimer(kLocusSettleDelay, [this, settled] { setLocusState(settled); });
+  const int r = host_.addTimer(settleDelay_, [this, settled] { setLocusState(settled); });
   // Without a timer the switch settles at once rather than never.
   if (r < 0) setLocusState(settled);
   return {};

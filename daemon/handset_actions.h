@@ -35,11 +35,14 @@ VelaDictionary replyBody(VelaDictionary values, const std::optional<VelaError>& 
 // The twenty members of HandsetActions, carried out on the daemon's state.
 class HandsetActions {
  public:
-  // How long a switch of the locating state stays in kLocusStateSwitching.
+  // How long a switch of the locating state stays in kLocusStateSwitching,
+  // unless velad is told otherwise (--locus-settle-ms).
   static constexpr std::chrono::milliseconds kLocusSettleDelay{500};
 
   // `host` provides timers and notifications; both must outlive this object.
-  HandsetActions(DaemonState& state, bus::ServiceHost& host) : state_(state), host_(host) {}
+  HandsetActions(DaemonState& state, bus::ServiceHost& host,
+                 std::chrono::milliseconds settleDelay = kLocusSettleDelay)
+      : state_(state), host_(host), settleDelay_(settleDelay) {}
 
   // Every member this implementation answers.
   static std::vector<std::string> members();
@@ -82,6 +85,7 @@ class HandsetActions {
 
   DaemonState& state_;
   bus::ServiceHost& host_;
+  std::chrono::milliseconds settleDelay_;
 };
 
 }  // namespace vela::daemon

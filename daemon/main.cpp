@@ -31,6 +31,7 @@ struct Options {
   bool testing = false;
   int readyFd = -1;
   bool verbose = false;
+  std::int64_t locusSettleMs = daemon::HandsetActions::kLocusSettleDelay.count();
 };
 
 // Tells whoever started velad that the name is taken and calls can be made,
@@ -66,7 +67,7 @@ int serve(const Options& options) {
   }
 
   daemon::DaemonState state = daemon::initialDaemonState();
-  daemon::HandsetActions actions(state, *host);
+  daemon::HandsetActions actions(state, *host, std::chrono::milliseconds(options.locusSettleMs));
   std::optional<daemon::TestingInterface> testing;
   if (options.testing) testing.emplace(*host, daemon::HandsetActions::members());
   daemon::HandsetService service(*host, actions, testing ? &*testing : nullptr);
@@ -112,6 +113,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   app.add_option("--ready-fd", options.readyFd, R"(write "READY" to this descriptor once serving, then close it)")
       ->check(CLI::NonNegativeNumber);
   app.add_flag("--verbose", options.verbose, "log every request and state change to stderr");
+  app.add_option("--locus-settle-ms", options.locusSettleMs, "how long a locating switch takes to settle")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

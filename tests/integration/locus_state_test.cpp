@@ -75,6 +75,10 @@ TEST_F(ALocatingSession, StillSendsTheRequestWithoutACompletion) {
 }
 
 TEST_F(ALocatingSession, MovesThroughAChangeBeforeSettling) {
+  // A switch that settles only long after the test is over, so that reading
+  // the state in between cannot race the settling.
+  velad_.reset();
+  velad_.emplace(std::vector<std::string>{"--locus-settle-ms=600000"});
   const auto before = readState(*session_);
   ASSERT_TRUE(before.state == 1 || before.state == 2);
   EXPECT_EQ(session_->enableLocusInContext(0), std::nullopt);
