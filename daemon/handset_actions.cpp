@@ -222,22 +222,24 @@ void HandsetActions::setLocusState(std::int32_t state) {
 
 // --- Friends account and regions -------------------------------------------
 
-Answer HandsetActions::didEnterKithRegion(RequestArguments& args, const std::string& /*sender*/) {
+// Entering and leaving carry the same arguments; only what they do to the
+// set of regions the device is in differs.
+template <typename Apply>
+Answer HandsetActions::regionEvent(RequestArguments& args, Apply apply) {
   const auto region = args.string(wire::key::kRegionIdentifier);
   args.record<VelaGeoLocation>(wire::key::kLocation);
   if (args.problem()) return refused(args);
   if (!region) return missing(wire::key::kRegionIdentifier);
-  state_.kithRegionsInside.insert(*region);
+  apply(state_.kithRegionsInside, *region);
   return {};
 }
 
+Answer HandsetActions::didEnterKithRegion(RequestArguments& args, const std::string& /*sender*/) {
+  return regionEvent(args, [](auto& inside, const std::string& region) { inside.insert(region); });
+}
+
 Answer HandsetActions::didExitKithRegion(RequestArguments& args, const std::string& /*sender*/) {
-  const auto region = args.string(wire::key::kRegionIdentifier);
-  args.record<VelaGeoLocation>(wire::key::kLocation);
-  if (args.problem()) return refused(args);
-  if (!region) return missing(wire::key::kRegionIdentifier);
-  state_.kithRegionsInside.erase(*region);
-  return {};
+  return regionEvent(args, [](auto& inside, const std::string& region) { inside.erase(region); });
 }
 
 Answer HandsetActions::addKithAccount(RequestArguments& args, const std::string& /*sender*/) {

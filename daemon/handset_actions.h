@@ -71,6 +71,8 @@ class HandsetActions {
   Answer disableLocusUsingToken(RequestArguments& args, const std::string& sender);
   Answer didEnterKithRegion(RequestArguments& args, const std::string& sender);
   Answer didExitKithRegion(RequestArguments& args, const std::string& sender);
+  template <typename Apply>
+  Answer regionEvent(RequestArguments& args, Apply apply);
   Answer addKithAccount(RequestArguments& args, const std::string& sender);
   Answer removeKithAccountWithUsername(RequestArguments& args, const std::string& sender);
   Answer retrieveKithAccount(RequestArguments& args, const std::string& sender);

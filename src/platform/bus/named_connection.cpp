@@ -68,13 +68,6 @@ constexpr std::uint64_t kDrainGraceUsec = 5'000'000;
 
 bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r == -EPIPE || r == -ESHUTDOWN; }
 
-struct Subscription {
-  std::string path;
-  std::string interface;
-  std::string member;
-  SignalHandler handler;
-};
-
 }  // namespace
 
 // State shared between the handle and the connection's thread. The handle may
@@ -93,10 +86,8 @@ struct NamedConnection::Core {
 
   mutable std::mutex mutex;
   std::vector<Request> requests;            // guarded by mutex
-  std::vector<Subscription> subscriptions;  // guarded by mutex
   bool invalidateRequested = false;         // guarded by mutex
   bool stopRequested = false;               // guarded by mutex
-  std::string owner;                        // guarded by mutex
 
   ~Core() {
     if (wakeFd >= 0) ::close(wakeFd);
@@ -116,7 +107,7 @@ struct NamedConnection::Core {
     bool wasIdle = false;
     {
       std::lock_guard lock(mutex);
-      wasIdle = requests.empty() && subscriptions.empty();
+      wasIdle = requests.empty();
       mutate();
     }
     if (wasIdle) wake();
@@ -187,10 +178,6 @@ class Loop {
       unreachable();
       return;
     }
-    // Learn the current owner, so that signals can be checked against it.
-    sd_bus_call_method_async(bus_, &ownerQuerySlot_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                             "org.freedesktop.DBus", "GetNameOwner", &Loop::onOwnerKnown, this, "s",
-                             core_->service.c_str());
   }
 
   // Without an event loop nothing can be sent; the thread still answers every
@@ -219,17 +206,14 @@ class Loop {
     }
     // The two vectors trade places, so neither side allocates once warm.
     std::vector<Request>& requests = spareRequests_;
-    std::vector<Subscription> subscriptions;
     bool invalidateRequested = false;
     {
       std::lock_guard lock(core_->mutex);
       requests.swap(core_->requests);
-      subscriptions.swap(core_->subscriptions);
       invalidateRequested = core_->invalidateRequested;
       stopping_ = core_->stopRequested;
     }
     if (invalidateRequested) invalidate();
-    for (Subscription& subscription : subscriptions) subscribe(std::move(subscription));
     for (Request& request : requests) send(std::move(request));
     requests.clear();
     if (stopping_) finishWhenDrained();
@@ -366,50 +350,14 @@ class Loop {
     if (stopping_) finishWhenDrained();
   }
 
-  void subscribe(Subscription subscription) {
-    if (invalidated_ || bus_ == nullptr) return;
-    auto owned = std::make_unique<Subscription>(std::move(subscription));
-    sd_bus_slot* slot = nullptr;
-    if (sd_bus_match_signal_async(bus_, &slot, nullptr, owned->path.c_str(), owned->interface.c_str(),
-                                  owned->member.c_str(), &Loop::onSignal, nullptr, owned.get()) < 0) {
-      return;
-    }
-    subscriptions_.emplace_back(slot, std::move(owned));
-  }
-
-  static int onSignal(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-    const auto* subscription = static_cast<const Subscription*>(userdata);
-    const char* sender = sd_bus_message_get_sender(message);
-    std::optional<VelaArray> body = readBody(message);
-    // A signal that does not decode is dropped: its sender is not to be trusted.
-    if (!body || sender == nullptr) return 0;
-    invokeGuarded(subscription->handler, std::string(sender), *body);
-    return 0;
-  }
-
   static int onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
     auto* loop = static_cast<Loop*>(userdata);
     const char* name = nullptr;
     const char* oldOwner = nullptr;
     const char* newOwner = nullptr;
     if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
-    {
-      std::lock_guard lock(loop->core_->mutex);
-      loop->core_->owner = newOwner;
-    }
+    // A first owner appearing is no interruption; losing or changing one is.
     if (oldOwner[0] != '\0') loop->interrupt();
-    return 0;
-  }
-
-  static int onOwnerKnown(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
-    auto* loop = static_cast<Loop*>(userdata);
-    loop->ownerQuerySlot_ = sd_bus_slot_unref(loop->ownerQuerySlot_);
-    const char* owner = nullptr;
-    if (sd_bus_message_is_method_error(reply, nullptr) == 0 && sd_bus_message_read(reply, "s", &owner) >= 0) {
-      std::lock_guard lock(loop->core_->mutex);
-      // A NameOwnerChanged that arrived first is newer; keep it.
-      if (loop->core_->owner.empty()) loop->core_->owner = owner;
-    }
     return 0;
   }
 
@@ -450,11 +398,8 @@ class Loop {
     std::list<PendingCall> failed;
     failed.swap(pending_);
     for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
-    for (auto& [slot, subscription] : subscriptions_) sd_bus_slot_unref(slot);
-    subscriptions_.clear();
     filterSlot_ = sd_bus_slot_unref(filterSlot_);
     ownerSlot_ = sd_bus_slot_unref(ownerSlot_);
-    ownerQuerySlot_ = sd_bus_slot_unref(ownerQuerySlot_);
     if (bus_ != nullptr) {
       sd_bus_detach_event(bus_);
       bus_ = sd_bus_close_unref(bus_);
@@ -472,10 +417,8 @@ class Loop {
   sd_bus* bus_ = nullptr;
   sd_bus_slot* filterSlot_ = nullptr;
   sd_bus_slot* ownerSlot_ = nullptr;
-  sd_bus_slot* ownerQuerySlot_ = nullptr;
   std::list<PendingCall> pending_;
   std::vector<Request> spareRequests_;
-  std::vector<std::pair<sd_bus_slot*, std::unique_ptr<Subscription>>> subscriptions_;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler ran
   bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more
@@ -575,19 +518,6 @@ void NamedConnection::callMethod(std::string_view interface, std::string_view me
     core_->requests.push_back(
         Request{interface, member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)});
   });
-}
-
-void NamedConnection::subscribeSignal(std::string path, std::string interface, std::string member,
-                                      SignalHandler handler) {
-  core_->post([&] {
-    core_->subscriptions.push_back(
-        Subscription{std::move(path), std::move(interface), std::move(member), std::move(handler)});
-  });
-}
-
-std::string NamedConnection::serviceOwner() const {
-  std::lock_guard lock(core_->mutex);
-  return core_->owner;
 }
 
 }  // namespace vela::bus

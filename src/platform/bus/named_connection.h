@@ -19,7 +19,6 @@ namespace vela::bus {
 
 using ReplyHandler = std::function<void(VelaDictionary reply)>;
 using FailureHandler = std::function<void(const VelaError& error)>;
-using SignalHandler = std::function<void(const std::string& sender, const VelaArray& body)>;
 
 class NamedConnection;
 // Supplies a fresh connection for a request that could not leave a dead one.
@@ -88,15 +87,6 @@ class NamedConnection {
   // Thread: any.
   void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
                   FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect = nullptr);
-
-  // Delivers signals `interface.member` from the object at `path` to
-  // `handler` on the connection's thread, each with the unique name of its
-  // sender and its arguments. Subscriptions last as long as the connection.
-  void subscribeSignal(std::string path, std::string interface, std::string member, SignalHandler handler);
-
-  // The unique bus name currently owning the service, or "" when none is
-  // known. Thread: any.
-  std::string serviceOwner() const;
 
   struct Core;
 

@@ -129,22 +129,6 @@ class Reader {
     return dict;
   }
 
-  std::optional<VelaArray> body() {
-    VelaArray values;
-    for (;;) {
-      char type = 0;
-      const int r = sd_bus_message_peek_type(m_, &type, nullptr);
-      if (r < 0) {
-        fail("unreadable message");
-        return std::nullopt;
-      }
-      if (r == 0) return values;
-      std::optional<VelaValue> value = next(0);
-      if (!value) return std::nullopt;
-      values.push_back(std::move(*value));
-    }
-  }
-
   std::string reason;
 
  private:
@@ -315,13 +299,6 @@ std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::strin
   std::optional<VelaDictionary> dict = reader.dictionary(0);
   if (!dict && whyNot != nullptr) *whyNot = reader.reason;
   return dict;
-}
-
-std::optional<VelaArray> readBody(sd_bus_message* message, std::string* whyNot) {
-  Reader reader(message);
-  std::optional<VelaArray> values = reader.body();
-  if (!values && whyNot != nullptr) *whyNot = reader.reason;
-  return values;
 }
 
 }  // namespace vela::bus

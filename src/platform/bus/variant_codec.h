@@ -34,8 +34,4 @@ int appendVariant(sd_bus_message* message, const VelaValue& value, const WireHin
 // when the message is malformed; `whyNot` then says what was wrong.
 std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::string* whyNot = nullptr);
 
-// Reads every remaining value of the message (a signal's arguments, say),
-// each by the same rules.
-std::optional<VelaArray> readBody(sd_bus_message* message, std::string* whyNot = nullptr);
-
 }  // namespace vela::bus
