@@ -24,6 +24,8 @@ enum class DaemonErrorCode : std::int64_t {
   // The locating state is still switching. Retry once the state has settled
   // (it is announced on the daemon's notification center).
   kLocusSwitchInProgress = 3,
+  // The vetted address cannot receive mail. Reported in a vetting's finish.
+  kUndeliverableAddress = 4,
 };
 
 inline VelaError daemonError(DaemonErrorCode code, std::string failureReason) {

@@ -51,7 +51,7 @@ std::string describeDaemonState(const DaemonState& state) {
   for (const std::string& region : state.kithRegionsInside) out += " " + region;
   out += "\ntopics:";
   for (const std::string& topic : state.topics) out += " " + topic;
-  out += "\nvettings: " + std::to_string(state.vettings.size()) + " under way";
+  out += "\n";
   return out;
 }
 

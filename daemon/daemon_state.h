@@ -47,9 +47,6 @@ struct DaemonState {
   std::set<std::string, std::less<>> kithRegionsInside;
 
   std::set<std::string, std::less<>> topics;
-  // E-mail vettings under way: requesting connection (unique name) to the
-  // address it asked about. Results go to that connection alone.
-  std::map<std::string, std::string, std::less<>> vettings;
 };
 
 // A fresh state: locating off, device identifiers new for this run, and the

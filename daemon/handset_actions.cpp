@@ -144,10 +144,10 @@ Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const std:
 }
 
 Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const std::string& /*sender*/) {
-  if (state_.lostMode) {
-    state_.lostMode.reset();
-    publishLostModeToPreferences(nullptr);
-  }
+  state_.lostMode.reset();
+  // Also when velad holds no lost mode: the entry may be left from an earlier
+  // run, and clients go by the entry.
+  publishLostModeToPreferences(nullptr);
   return {};
 }
 
@@ -231,6 +231,8 @@ Answer HandsetActions::regionEvent(RequestArguments& args, Apply apply) {
   if (args.problem()) return refused(args);
   if (!region) return missing(wire::key::kRegionIdentifier);
   apply(state_.kithRegionsInside, *region);
+  // The count only: region names can say where the user lives.
+  logVerbose("inside " + std::to_string(state_.kithRegionsInside.size()) + " friends regions");
   return {};
 }
 
@@ -246,6 +248,7 @@ Answer HandsetActions::addKithAccount(RequestArguments& args, const std::string&
   auto account = args.record<VelaKithAccountInfo>(wire::key::kAccount);
   if (args.problem()) return refused(args);
   if (!account) return missing(wire::key::kAccount);
+  logVerbose(state_.kithAccount ? "friends account replaced" : "friends account added");
   state_.kithAccount = std::move(account);
   return {};
 }
@@ -258,6 +261,7 @@ Answer HandsetActions::removeKithAccountWithUsername(RequestArguments& args, con
     return failure(DaemonErrorCode::kUnknownKithAccount, "no friends account has the user name " + *username);
   }
   state_.kithAccount.reset();
+  logVerbose("friends account removed");
   return {};
 }
 
@@ -275,15 +279,12 @@ Answer HandsetActions::vetEmailAccount(RequestArguments& args, const std::string
   const auto account = args.string(wire::key::kAccount);
   if (args.problem()) return refused(args);
   if (!account) return missing(wire::key::kAccount);
-  // A new request from the same connection replaces its earlier one.
-  state_.vettings.insert_or_assign(sender, *account);
-  logVerbose("vetting requested by " + sender);
+  vetting_.start(sender, *account);
   return {};
 }
 
 Answer HandsetActions::cancelEmailVet(RequestArguments& /*args*/, const std::string& sender) {
-  state_.vettings.erase(sender);
-  logVerbose("vetting cancelled by " + sender);
+  vetting_.cancel(sender);
   return {};
 }
 
@@ -307,7 +308,7 @@ Answer HandsetActions::dumpDebugInfo(RequestArguments& args, const std::string& 
   const auto argument = args.string(wire::key::kArgument);
   if (args.problem()) return refused(args);
   logLine("debug dump for " + sender + " (argument: " + argument.value_or("(nil)") + ")\n" +
-          describeDaemonState(state_));
+          describeDaemonState(state_) + "vettings: " + std::to_string(vetting_.underWay()) + " under way");
   return {};
 }
 

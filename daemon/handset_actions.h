@@ -13,6 +13,7 @@
 #include <vela/VelaValue.h>
 
 #include "daemon_state.h"
+#include "email_vetting.h"
 #include "interface_description.h"
 #include "platform/bus/service_host.h"
 #include "request_arguments.h"
@@ -31,7 +32,6 @@ struct Answer {
 // The reply body: the values, plus the error under "error" when there is one.
 VelaDictionary replyBody(VelaDictionary values, const std::optional<VelaError>& error);
 
-
 // The twenty members of HandsetActions, carried out on the daemon's state.
 class HandsetActions {
  public:
@@ -39,10 +39,11 @@ class HandsetActions {
   // unless velad is told otherwise (--locus-settle-ms).
   static constexpr std::chrono::milliseconds kLocusSettleDelay{500};
 
-  // `host` provides timers and notifications; both must outlive this object.
-  HandsetActions(DaemonState& state, bus::ServiceHost& host,
+  // `host` provides timers and notifications; all three must outlive this
+  // object.
+  HandsetActions(DaemonState& state, bus::ServiceHost& host, EmailVetting& vetting,
                  std::chrono::milliseconds settleDelay = kLocusSettleDelay)
-      : state_(state), host_(host), settleDelay_(settleDelay) {}
+      : state_(state), host_(host), vetting_(vetting), settleDelay_(settleDelay) {}
 
   // Every member this implementation answers.
   static std::vector<std::string> members();
@@ -87,6 +88,7 @@ class HandsetActions {
 
   DaemonState& state_;
   bus::ServiceHost& host_;
+  EmailVetting& vetting_;
   std::chrono::milliseconds settleDelay_;
 };
 

@@ -1,13 +1,50 @@
 // SPDX-License-Identifier: MIT
 #include "lost_mode_preferences.h"
 
+#include <exception>
+#include <optional>
+#include <string>
+
+#include <vela/VelaConstants.h>
+
 #include "log.h"
+#include "platform/prefs/sqlite_store.h"
 
 namespace vela::daemon {
+namespace {
+
+// velad owns the first of the entries clients consult; the others belong to
+// other writers and are left alone.
+constexpr std::string_view kEntryKey = "LocusLostModeInfo";
+
+VelaDictionary entryFor(const VelaLostModeInfo& info) {
+  VelaDictionary entry{{"lostModeEnabled", true}};
+  if (info.message()) entry.emplace("lostModeMessage", *info.message());
+  if (info.phoneNumber()) entry.emplace("lostModeOwnerNumber", *info.phoneNumber());
+  return entry;
+}
+
+}  // namespace
 
 void publishLostModeToPreferences(const VelaLostModeInfo* info) {
-  logVerbose(info != nullptr ? "lost mode on (preference store not written yet)"
-                             : "lost mode off (preference store not written yet)");
+  const std::string_view domain = kVelaNotification_Public_NotBackedUp_Pref_Domain;
+  bool written = false;
+  try {
+    // The store itself, rather than VelaPreferencesUtil, because velad wants
+    // to know when the write did not happen.
+    prefs::SqliteStore& store = prefs::SqliteStore::shared();
+    written =
+        store.setValue(domain, kEntryKey, info != nullptr ? std::optional<VelaValue>(entryFor(*info)) : std::nullopt);
+    store.synchronize(domain);
+  } catch (const std::exception& error) {
+    logLine(std::string("lost mode: ") + error.what());
+  }
+  if (!written) {
+    logLine("cannot write lost mode to the preference store " + prefs::SqliteStore::databasePath() +
+            "; clients keep seeing the previous state");
+    return;
+  }
+  logVerbose(info != nullptr ? "lost mode on" : "lost mode off");
 }
 
 }  // namespace vela::daemon

@@ -6,11 +6,11 @@
 namespace vela::daemon {
 
 // Clients read lost mode from the preference store, not from velad, so every
-// switch must be written there: `info` is the record lost mode was switched
-// on with, nullptr when it was switched off.
-//
-// Not yet connected to the preference store; until it is, the switch is
-// only logged and clients reading the store do not see it.
+// switch is written there: `info` is the record lost mode was switched on
+// with, nullptr when it was switched off. Writes the "LocusLostModeInfo" entry
+// of the public not-backed-up domain ({"lostModeEnabled": true,
+// "lostModeMessage": ..., "lostModeOwnerNumber": ...}, nil fields left out)
+// or removes it. A write that fails is logged; velad carries on.
 void publishLostModeToPreferences(const VelaLostModeInfo* info);
 
 }  // namespace vela::daemon

@@ -67,9 +67,10 @@ int serve(const Options& options) {
   }
 
   daemon::DaemonState state = daemon::initialDaemonState();
-  daemon::HandsetActions actions(state, *host, std::chrono::milliseconds(options.locusSettleMs));
+  daemon::EmailVetting vetting(*host);
+  daemon::HandsetActions actions(state, *host, vetting, std::chrono::milliseconds(options.locusSettleMs));
   std::optional<daemon::TestingInterface> testing;
-  if (options.testing) testing.emplace(*host, daemon::HandsetActions::members());
+  if (options.testing) testing.emplace(*host, daemon::HandsetActions::members(), vetting);
   daemon::HandsetService service(*host, actions, testing ? &*testing : nullptr);
 
   int r = host->exportInterface(bus::kObjectPath, bus::kHandsetActionsInterface, daemon::HandsetActions::members(),

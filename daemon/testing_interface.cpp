@@ -17,6 +17,7 @@ constexpr std::string_view kResetBehaviors = "ResetBehaviors";
 constexpr std::string_view kCallLog = "CallLog";
 constexpr std::string_view kClearCallLog = "ClearCallLog";
 constexpr std::string_view kPostNotification = "PostNotification";
+constexpr std::string_view kSetVetScript = "SetVetScript";
 constexpr std::string_view kCallLoggedNotification = "CallLogged";
 
 constexpr std::array<std::pair<std::string_view, BehaviorMode>, 7> kModes = {{
@@ -75,12 +76,13 @@ std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::st
 
 }  // namespace
 
-TestingInterface::TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers)
-    : host_(host), handsetMembers_(handsetMembers.begin(), handsetMembers.end()) {}
+TestingInterface::TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers,
+                                   EmailVetting& vetting)
+    : host_(host), vetting_(vetting), handsetMembers_(handsetMembers.begin(), handsetMembers.end()) {}
 
 std::vector<std::string> TestingInterface::members() {
-  return {std::string(kSetBehavior), std::string(kResetBehaviors), std::string(kCallLog), std::string(kClearCallLog),
-          std::string(kPostNotification)};
+  return {std::string(kSetBehavior),  std::string(kResetBehaviors),   std::string(kCallLog),
+          std::string(kClearCallLog), std::string(kPostNotification), std::string(kSetVetScript)};
 }
 
 void TestingInterface::callArrived(bus::IncomingCall call) {
@@ -94,12 +96,15 @@ void TestingInterface::callArrived(bus::IncomingCall call) {
     problem = setBehavior(*call.args);
   } else if (call.member == kResetBehaviors) {
     behaviors_.clear();
+    vetting_.setScript(std::nullopt);
   } else if (call.member == kCallLog) {
     reply.insert_or_assign("calls", callLog_);
   } else if (call.member == kClearCallLog) {
     callLog_.clear();
   } else if (call.member == kPostNotification) {
     problem = postNotification(*call.args);
+  } else if (call.member == kSetVetScript) {
+    problem = setVetScript(*call.args);
   }
   if (problem) {
     call.reply.replyError(bus::kInvalidArgsError, *problem);
@@ -153,6 +158,32 @@ std::optional<std::string> TestingInterface::postNotification(const VelaDictiona
   if (destination != nullptr) to = *destination;
   const int r = host_.emitNotification(*center, *name, userInfo != nullptr ? *userInfo : VelaDictionary{}, to);
   if (r < 0) return std::string("cannot post the notification: ") + std::strerror(-r);
+  return std::nullopt;
+}
+
+std::optional<std::string> TestingInterface::setVetScript(const VelaDictionary& args) {
+  Fields fields(args);
+  const auto* notifications = fields.get<VelaArray>("notifications", "an array");
+  const auto* delayMs = fields.get<std::int64_t>("delayMs", "an integer");
+  if (fields.problem) return fields.problem;
+  if (delayMs != nullptr && *delayMs < 0) return R"("delayMs" must not be negative)";
+  if (notifications == nullptr) {
+    vetting_.setScript(std::nullopt);
+    return std::nullopt;
+  }
+  VetScript script;
+  if (delayMs != nullptr) script.delay = std::chrono::milliseconds(*delayMs);
+  for (const VelaValue& element : *notifications) {
+    const auto* described = element.asDictionary();
+    if (described == nullptr) return R"("notifications" must hold dictionaries)";
+    Fields notification(*described);
+    const auto* name = notification.get<std::string>("name", "a string");
+    const auto* userInfo = notification.get<VelaDictionary>("userInfo", "a dictionary");
+    if (notification.problem) return notification.problem;
+    if (name == nullptr) return R"(each notification needs a "name")";
+    script.notifications.push_back({*name, userInfo != nullptr ? *userInfo : VelaDictionary{}});
+  }
+  vetting_.setScript(std::move(script));
   return std::nullopt;
 }
 

@@ -14,6 +14,7 @@
 #include <vela/VelaError.h>
 #include <vela/VelaValue.h>
 
+#include "email_vetting.h"
 #include "platform/bus/service_host.h"
 
 // The Testing interface that velad serves with --testing, beside
@@ -39,6 +40,11 @@
 //   PostNotification {"center": s, "name": s, "userInfo": a{sv}?,
 //                     "destination": s?} -> {}
 //     broadcast, or unicast to the unique name `destination`.
+//   SetVetScript {"notifications": av of {"name": s, "userInfo": a{sv}?}?,
+//                 "delayMs": x?} -> {}
+//     what every later vetting posts to its requester, in order, delayMs
+//     after the request (a "vet.finished" ends it); without "notifications",
+//     velad's own verdict again. ResetBehaviors also restores it.
 //
 // Each logged call is also announced as Notification("CallLogged",
 // {"member": s, "sender": s}) on the center com.zentrex.VelaNotification.Testing,
@@ -59,8 +65,8 @@ struct Behavior {
 class TestingInterface {
  public:
   // `handsetMembers` are the members a behaviour may be set for; `host`
-  // posts the notifications and must outlive this object.
-  TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers);
+  // posts the notifications. `host` and `vetting` must outlive this object.
+  TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers, EmailVetting& vetting);
 
   static std::vector<std::string> members();
 
@@ -80,8 +86,10 @@ class TestingInterface {
   // Each returns an error text for InvalidArgs, or nullopt when done.
   std::optional<std::string> setBehavior(const VelaDictionary& args);
   std::optional<std::string> postNotification(const VelaDictionary& args);
+  std::optional<std::string> setVetScript(const VelaDictionary& args);
 
   bus::ServiceHost& host_;
+  EmailVetting& vetting_;
   std::set<std::string, std::less<>> handsetMembers_;
   std::map<std::string, StoredBehavior, std::less<>> behaviors_;
   VelaArray callLog_;

@@ -22,6 +22,14 @@ demo_commands=(
   "once is-locus-state-change-in-progress"
   "start-listening-on-topic --topic demo.topic"
   "dump-debug-info --argument all"
+  "add-kith-account --username ann@example.org --dsid 1234567 --app-auth-token demo-token --app-auth-token-status 1 --additional-info {\"plan\":\"family\"} --vela-server-host kith.example.org --vela-server-protocol-scheme https --vela-relay-environment production"
+  "retrieve-kith-account"
+  "did-enter-kith-region --identifier demo.home --latitude 48.5 --longitude -122.25 --horizontal-accuracy 5 --timestamp 1700000000"
+  "once vet-email-account someone@example.org --wait --timeout-ms 5000"
+  "once vet-email-account not-an-address --wait --timeout-ms 5000"
+  "enable-lost-mode --message Please-call-the-owner --phone-number 555-0100"
+  "lost-mode-info"
+  "lost-mode-params"
 )
 
 set -euo pipefail

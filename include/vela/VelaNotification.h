@@ -11,6 +11,7 @@
 #include <vela/VelaKeyedArchive.h>
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
+#include <vela/VelaMainThread.h>
 #include <vela/VelaNotificationHandsetActions.h>
 #include <vela/VelaNotifySession.h>
 #include <vela/VelaNotifySessionDelegate.h>

@@ -10,8 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include <vela/GeoLocation.h>
 #include <vela/VelaError.h>
 #include <vela/VelaExport.h>
+#include <vela/VelaKithAccountInfo.h>
+#include <vela/VelaLostModeInfo.h>
 #include <vela/VelaNotifySessionDelegate.h>
 #include <vela/VelaValue.h>
 
@@ -23,6 +26,7 @@ struct SessionInternals;
 }  // namespace vela::session
 namespace vela::notify {
 class DistributedCenter;
+struct Notification;
 }  // namespace vela::notify
 
 // A client's session with the daemon "com.zentrex.VelaNotification".
@@ -84,6 +88,11 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // Removes the session's vetting observers; nothing when it never vetted.
   // Thread: any.
   void _stopVettingNotifications();
+
+  // Observers of the vetting notifications; they run on the main thread and
+  // queue the delegate's call there. A finish also stops the listening.
+  void _vetResultReceived(const vela::notify::Notification& notification);
+  void _vetFinished(const vela::notify::Notification& notification);
 
   // An error in the library's domain with `message` as its failure reason.
   // The code keeps its sign. Thread: any.
@@ -148,6 +157,78 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // what locusAccount left.
   std::nullptr_t retrieveAllAccounts(std::optional<VelaDictionary>& accounts);
 
+  // ---- Lost mode ----------------------------------------------------------------
+  //
+  // The three readers look only at the preference store (entries
+  // "LocusLostModeInfo" and "ClientLostModeInfo" of the public not-backed-up
+  // domain, then "LocusWipeLostModeInfo" of the post-wipe domain, in that
+  // order; the first dictionary whose "lostModeEnabled" is true is the active
+  // one). They never talk to the daemon and leave velaLastOperationResult at 0.
+  // Blocks: no (a store read).  Thread: any.
+
+  // Whether an entry is active.
+  bool lostModeIsActive();
+  // The active entry as a record (lostModeEnabled always true), or nullptr.
+  // Its message and number are whatever the entry holds, nil included.
+  std::shared_ptr<VelaLostModeInfo> lostModeInfo();
+  // {kLostModeIsActiveKey: true, kLostModeScreenTextKey: message,
+  // kLostModeScreenOwnerNumKey: number}, or nullopt when there is no active
+  // entry or it lacks the message or the number.
+  std::optional<VelaDictionary> lostModeParams();
+
+  // Asks the daemon to switch lost mode on with `info` (sent unexamined;
+  // nullptr is sent as nil). Returns as enableLocusInContext.
+  // Blocks: up to 5 s.  Thread: any.
+  std::optional<VelaError> enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info);
+  // Asks the daemon to switch lost mode off, without waiting; failures are
+  // dropped. Unlike every other operation it leaves velaLastOperationResult
+  // as the previous operation left it.
+  // Blocks: no (only to find the connection).  Thread: any.
+  void disableLostMode();
+
+  // ---- Friends account ------------------------------------------------------------
+  //
+  // Each returns nullopt on success, the daemon's error, or 106 "timed out";
+  // the code is left in velaLastOperationResult. Arguments are sent unexamined
+  // (nullptr / nullopt as nil). Blocks: up to 5 s.  Thread: any.
+
+  // Gives the daemon the friends-locating account to use.
+  std::optional<VelaError> addKithAccount(std::shared_ptr<VelaKithAccountInfo> account);
+  // Asks the daemon to forget the friends-locating account named `username`.
+  std::optional<VelaError> removeKithAccountWithUsername(std::optional<std::string> username);
+  // Reads the daemon's friends-locating account into `account`, which is
+  // written in every outcome: the record the daemon sent (even together with
+  // an error), or nullptr.
+  std::optional<VelaError> retrieveKithAccount(std::shared_ptr<VelaKithAccountInfo>& account);
+
+  // ---- Region events --------------------------------------------------------------
+  //
+  // Tell the daemon the device entered or left `region` at `location`. Only
+  // the region's identifier and a VelaGeoLocation copied from `location` are
+  // sent (nullptr as nil). Sent without waiting; failures are dropped and
+  // velaLastOperationResult reads 0 afterwards.
+  // Blocks: no (only to find the connection).  Thread: any.
+  void didEnterKithRegion(const GeoRegion* region, const GeoLocation* location);
+  void didExitKithRegion(const GeoRegion* region, const GeoLocation* location);
+
+  // ---- E-mail vetting -------------------------------------------------------------
+  //
+  // The daemon posts the results of a vetting, and then its end, as
+  // notifications that reach the delegate on the main thread (see
+  // VelaMainThread.h: the main thread must run its loop for them to arrive).
+
+  // Starts vetting `account`. Listening starts before the request is sent and
+  // goes on until the vetting finishes or is cancelled, even when the request
+  // fails; each call adds one more listener, so results of overlapping
+  // vettings reach the delegate once per call. Returns nullopt, the daemon's
+  // error, 106 "timed out", or, with no account, 101 "account is nil" (then
+  // nothing else happens). Blocks: up to 5 s.  Thread: any.
+  std::optional<VelaError> vetEmailAccount(std::optional<std::string> account);
+  // Stops listening, then asks the daemon to cancel; a finish that arrives
+  // later reaches no one. Returns as vetEmailAccount.
+  // Blocks: up to 5 s.  Thread: any.
+  std::optional<VelaError> cancelEmailVet();
+
   // ---- Push topics and debug dump ---------------------------------------------
   //
   // Sent without waiting: the daemon is not asked to answer, failures are
@@ -176,6 +257,9 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   friend struct vela::session::SessionInternals;
 
   static std::shared_ptr<VelaNotifySession> make();
+
+  // The vetting center, made on first use.
+  std::shared_ptr<vela::notify::DistributedCenter> centerMadeIfNeeded();
 
   // Stops using `connection` if it is still the current one (interruption,
   // invalidation); the next operation makes a new one.

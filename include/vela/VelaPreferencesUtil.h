@@ -79,6 +79,11 @@ class VELA_EXPORT VelaPreferencesUtil {
   // Thread: any. Blocks: no.
   static std::optional<VelaValue> objectForKey(std::string_view key, std::string_view domain);
 
+  // Every key of `domain` with its value, for tools that show or copy a whole
+  // domain; keys whose value cannot be read are left out. Empty for an absent
+  // domain. Thread: any. Blocks: no.
+  static VelaDictionary dictionaryForDomain(std::string_view domain);
+
   // Object setters: store the value as given under `key`; nullopt removes the
   // key, exactly as removeKey() does. A value nested more than 64 containers
   // deep is not stored.

@@ -123,6 +123,14 @@ std::optional<VelaValue> VelaPreferencesUtil::objectForKey(std::string_view key,
   return readValue(key, domain);
 }
 
+VelaDictionary VelaPreferencesUtil::dictionaryForDomain(std::string_view domain) {
+  try {
+    return vela::prefs::SqliteStore::shared().copyDomain(domain);
+  } catch (...) {
+    return {};
+  }
+}
+
 void VelaPreferencesUtil::setString(std::optional<std::string_view> value, std::string_view key,
                                     std::string_view domain) {
   writeOptional(key, domain, value);

@@ -3,6 +3,7 @@
 
 #include "platform/bus/bus_names.h"
 #include "platform/bus/named_connection.h"
+#include "platform/notify/distributed_center.h"
 #include "session/connection_queue.h"
 #include "session/handset_wire.h"
 
@@ -11,7 +12,8 @@ using vela::bus::NamedConnection;
 std::shared_ptr<VelaNotifySession> VelaNotifySession::sharedInstance() {
   // Never released: the shared session serves the process until it ends,
   // exit handlers included.
-  static auto* const shared = new std::shared_ptr<VelaNotifySession>(init());  // NOLINT(cppcoreguidelines-owning-memory)
+  static auto* const shared =
+      new std::shared_ptr<VelaNotifySession>(init());  // NOLINT(cppcoreguidelines-owning-memory)
   return *shared;
 }
 
@@ -41,9 +43,13 @@ std::shared_ptr<VelaNotifySession> VelaNotifySession::make() {
 
 VelaNotifySession::~VelaNotifySession() {
   // Stop hearing from the daemon first, then forget the delegate, then close
-  // the connection, so that nothing reaches a half-destroyed session.
-  // Releasing the center stops its delivery.
-  setCenter(nullptr);
+  // the connection, so that nothing reaches a half-destroyed session. With
+  // the center cleared, the observer removal that follows finds nothing to
+  // remove; the registrations end with the session, which they hold weakly.
+  if (auto vetCenter = center()) {
+    vetCenter->stopDelivering();
+    setCenter(nullptr);
+  }
   _stopVettingNotifications();
   setDelegate({});
   _destroyLinkConnection();
@@ -73,6 +79,8 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
     connection->setWireHints({vela::session::wire::kInt32Keys});
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
+    // A vetting under way keeps hearing its results on the new connection.
+    if (auto vetCenter = center()) vetCenter->listenOn(*connection);
     // Stored before it starts, so that a handler firing at once (no bus at
     // all) finds it current and retires it.
     setLinkConnection(connection);
@@ -106,11 +114,6 @@ void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection
   // Not invalidated: requests already on the wire still get the bus's answer
   // (the daemon's reply, or an error if it is gone) instead of a false
   // failure. The old connection ends by itself once they are done.
-}
-
-void VelaNotifySession::_stopVettingNotifications() {
-  // Observers exist only once a vetting has made the center.
-  if (!center()) return;
 }
 
 VelaError VelaNotifySession::newErrorForCode(std::int32_t code, std::string_view message) const {

@@ -57,8 +57,8 @@ TEST_F(AVelad, ServesExactlyThePublishedMembersAsDictionaryInDictionaryOut) {
   }
   const auto testing = daemon::readInterfaceMethods(*live, bus::kTestingInterface, &whyNot);
   ASSERT_TRUE(testing) << whyNot;
-  EXPECT_EQ(namesOf(*testing),
-            (std::set<std::string>{"SetBehavior", "ResetBehaviors", "CallLog", "ClearCallLog", "PostNotification"}));
+  EXPECT_EQ(namesOf(*testing), (std::set<std::string>{"SetBehavior", "ResetBehaviors", "CallLog", "ClearCallLog",
+                                                      "PostNotification", "SetVetScript"}));
 }
 
 TEST_F(AVelad, RefusesRequestsThatAreNotPropertyListDictionariesAndKeepsServing) {

@@ -2,11 +2,8 @@
 // velactl's one-object JSON contract, run as a separate process.
 #include <nlohmann/json.hpp>
 
-#include <array>
-#include <cstdio>
-#include <memory>
-
 #include "session_fixture.h"
+#include "velactl_runner.h"
 
 namespace vela::testing {
 namespace {
@@ -17,16 +14,8 @@ struct VelactlRun {
 };
 
 VelactlRun velactl(const std::string& arguments) {
-  const std::string command = std::string(VELACTL_PATH) + " --json " + arguments;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  std::string text;
-  std::array<char, 4096> buffer{};
-  while (pipe && std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) text += buffer.data();
-  VelactlRun run;
-  const int status = pclose(pipe.release());
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.output = nlohmann::json::parse(text, nullptr, false);
-  return run;
+  const VelactlOutput output = runVelactl(arguments);
+  return VelactlRun{output.exitCode, nlohmann::json::parse(output.text, nullptr, false)};
 }
 
 using Velactl = ASessionWithVelad;
@@ -45,7 +34,8 @@ TEST_F(Velactl, ReportsTheDaemonErrorOfASwitch) {
   const VelactlRun run = velactl("enable-locus --context 2");
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_TRUE(run.output["result"].is_null());
-  EXPECT_EQ(run.output["error"], (nlohmann::json{{"domain", "com.example.d"}, {"code", 12}, {"failureReason", "busy"}}));
+  EXPECT_EQ(run.output["error"],
+            (nlohmann::json{{"domain", "com.example.d"}, {"code", 12}, {"failureReason", "busy"}}));
   EXPECT_EQ(run.output["velaLastOperationResult"], 12);
 }
 
@@ -67,6 +57,70 @@ TEST_F(Velactl, ShowsATimeOutAsCode106) {
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_TRUE(run.output["result"].is_null());
   EXPECT_EQ(run.output["velaLastOperationResult"], 106);
+}
+
+TEST_F(Velactl, AddsReadsAndRemovesTheFriendsAccount) {
+  VelactlRun run = velactl(
+      "add-kith-account --dsid '' --username ann --app-auth-token tok --app-auth-token-status -3"
+      R"( --additional-info '{"plan":"family","seats":5}' --vela-server-host kith.example.org)"
+      " --vela-server-protocol-scheme https --internal-auth-token itok");
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.output, (nlohmann::json{{"result", nullptr}, {"error", nullptr}, {"velaLastOperationResult", 0}}));
+
+  nlohmann::json expected = {
+      {"dsid", ""},
+      {"username", "ann"},
+      {"appAuthToken", "(not-nil)"},
+      {"appAuthTokenStatus", -3},
+      {"additionalInfo", {{"plan", "family"}, {"seats", 5}}},
+      {"velaServerHost", "kith.example.org"},
+      {"velaServerProtocolScheme", "https"},
+      {"velaRelayEnvironment", nullptr},
+      {"internalAuthToken", "(not-nil)"},
+  };
+  run = velactl("retrieve-kith-account");
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_EQ(run.output["result"], expected) << "tokens are masked unless asked for";
+  expected["appAuthToken"] = "tok";
+  expected["internalAuthToken"] = "itok";
+  EXPECT_EQ(velactl("retrieve-kith-account --show-tokens").output["result"], expected);
+
+  run = velactl("remove-kith-account-with-username bob");
+  EXPECT_EQ(run.exitCode, 1);
+  EXPECT_EQ(run.output["error"]["code"], 2);
+  EXPECT_EQ(run.output["velaLastOperationResult"], 2);
+  EXPECT_EQ(velactl("remove-kith-account-with-username --username ann").exitCode, 0);
+  run = velactl("retrieve-kith-account");
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_TRUE(run.output["result"].is_null());
+}
+
+// velactl exits right after sending a region event; the event must have
+// reached velad by then, so the log is read without waiting.
+TEST_F(Velactl, DeliversRegionEventsWithEveryLocationValue) {
+  ASSERT_TRUE(control_->clearCallLog());
+  EXPECT_EQ(velactl("did-enter-kith-region --identifier home --latitude 48.5 --longitude=-122.25 --altitude 10"
+                    " --horizontal-accuracy 5 --vertical-accuracy 7 --course 90 --speed 1.5 --timestamp 1700000000.5")
+                .exitCode,
+            0);
+  EXPECT_EQ(velactl("did-exit-kith-region").exitCode, 0);
+
+  const auto entered = callsTo(member::kDidEnterKithRegion);
+  ASSERT_EQ(entered.size(), 1U);
+  EXPECT_EQ(entered[0].args, (VelaDictionary{{"regionIdentifier", "home"},
+                                             {"location", VelaDictionary{{"$class", "VelaGeoLocation"},
+                                                                         {"latitude", 48.5},
+                                                                         {"longitude", -122.25},
+                                                                         {"altitude", 10.0},
+                                                                         {"horizontalAccuracy", 5.0},
+                                                                         {"verticalAccuracy", 7.0},
+                                                                         {"course", 90.0},
+                                                                         {"speed", 1.5},
+                                                                         {"timestamp", VelaDate{1700000000.5}}}}}));
+  const auto exited = callsTo(member::kDidExitKithRegion);
+  ASSERT_EQ(exited.size(), 1U);
+  EXPECT_FALSE(exited[0].args.contains("regionIdentifier"));
+  EXPECT_FALSE(exited[0].args.at("location").asDictionary()->contains("timestamp"));
 }
 
 }  // namespace

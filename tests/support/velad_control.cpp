@@ -121,4 +121,19 @@ bool VeladControl::postNotification(std::string_view center, std::string_view na
   return call("PostNotification", args).has_value();
 }
 
+bool VeladControl::setVetScript(const std::optional<std::vector<VetNotification>>& notifications,
+                                std::chrono::milliseconds delay) {
+  VelaDictionary args{{"delayMs", static_cast<std::int64_t>(delay.count())}};
+  if (notifications) {
+    VelaArray described;
+    for (const VetNotification& notification : *notifications) {
+      VelaDictionary entry{{"name", notification.name}};
+      if (notification.userInfo) entry.insert_or_assign("userInfo", *notification.userInfo);
+      described.emplace_back(std::move(entry));
+    }
+    args.insert_or_assign("notifications", std::move(described));
+  }
+  return call("SetVetScript", args).has_value();
+}
+
 }  // namespace vela::testing

@@ -67,6 +67,15 @@ class VeladControl {
                                       const std::optional<VelaDictionary>& userInfo = std::nullopt,
                                       const std::optional<std::string>& destination = std::nullopt);
 
+  // What every later vetting posts to its requester, in order, `delay`
+  // after the request; nullopt restores velad's own verdict.
+  struct VetNotification {
+    std::string name;
+    std::optional<VelaDictionary> userInfo = std::nullopt;
+  };
+  [[nodiscard]] bool setVetScript(const std::optional<std::vector<VetNotification>>& notifications,
+                                  std::chrono::milliseconds delay = std::chrono::milliseconds(0));
+
   const std::string& lastFailure() const noexcept { return lastFailure_; }
 
  private:

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <vela/VelaError.h>
 
@@ -16,8 +17,11 @@ namespace velactl {
 
 // What one operation produced, printed by main as the JSON contract says.
 struct Outcome {
-  nlohmann::json result;            // null when the operation has no result
-  std::optional<VelaError> error;   // the error the operation returned
+  nlohmann::json result;           // null when the operation has no result
+  std::optional<VelaError> error;  // the error the operation returned
+  // More work after the outcome is printed (told whether --json was given);
+  // false makes the exit status 1.
+  std::function<bool(bool json)> then = nullptr;
 };
 
 // The chosen subcommand's work, set while the command line is parsed.
@@ -27,6 +31,10 @@ using Action = std::function<Outcome()>;
 // callback stores its action in `chosen`.
 void addLocatingCommands(CLI::App& app, Action& chosen);
 void addTopicCommands(CLI::App& app, Action& chosen);
+void addLostModeCommands(CLI::App& app, Action& chosen);
+void addPrefsCommands(CLI::App& app, Action& chosen);
+void addVettingCommands(CLI::App& app, Action& chosen);
+void addKithCommands(CLI::App& app, Action& chosen);
 
 // A string option where leaving it out means nil and an empty one means "".
 struct OptionalString {

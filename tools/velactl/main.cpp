@@ -45,6 +45,13 @@ int main(int argc, char** argv) {
   velactl::Action chosen;
   velactl::addLocatingCommands(app, chosen);
   velactl::addTopicCommands(app, chosen);
+  velactl::addLostModeCommands(app, chosen);
+  velactl::addPrefsCommands(app, chosen);
+  velactl::addVettingCommands(app, chosen);
+  velactl::addKithCommands(app, chosen);
   CLI11_PARSE(app, argc, argv);
-  return report(chosen(), json);
+  const velactl::Outcome outcome = chosen();
+  int status = report(outcome, json);
+  if (outcome.then && !outcome.then(json)) status = 1;
+  return status;
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
+#include <string>
 #include <string_view>
 
 namespace vela::bus {
@@ -16,6 +18,16 @@ inline constexpr std::string_view kTestingInterface = "com.zentrex.VelaNotificat
 // The privileged option of a named connection: the system-wide service on the
 // system bus instead of one in the user's session bus.
 inline constexpr unsigned kPrivilegedOption = 0x1000;
+
+// A notification center named N is the interface N; its notifications are
+// the signal Notification(s name, a{sv} userInfo) on the path made from N.
+inline constexpr std::string_view kNotificationSignal = "Notification";
+
+inline std::string notificationCenterPath(std::string_view center) {
+  std::string path = "/" + std::string(center);
+  std::replace(path.begin(), path.end(), '.', '/');
+  return path;
+}
 
 enum class BusKind { kSystem, kSession };
 

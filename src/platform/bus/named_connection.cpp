@@ -4,18 +4,23 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <systemd/sd-bus.h>
-#include <systemd/sd-event.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <list>
+#include <map>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include "platform/bus/variant_codec.h"
 
@@ -31,16 +36,33 @@ void countForks() {
   std::call_once(once, [] { pthread_atfork(nullptr, nullptr, [] { forkGeneration.fetch_add(1); }); });
 }
 
+// A wait, from exit(), for a connection to have written what it was given.
+struct ExitFlush {
+  std::mutex mutex;
+  std::condition_variable written;
+  bool done = false;  // guarded by mutex
+
+  void finish() {
+    {
+      std::lock_guard lock(mutex);
+      done = true;
+    }
+    written.notify_all();
+  }
+};
+
+// How long exit() waits, in all, for requests sent without a reply to leave.
+constexpr std::chrono::milliseconds kExitFlushLimit{1000};
+
 constexpr std::string_view kErrorDisconnected = "org.freedesktop.DBus.Error.Disconnected";
 constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr std::string_view kErrorInconsistentMessage = "org.freedesktop.DBus.Error.InconsistentMessage";
 
 // Errors after which the service cannot be reached through this connection.
 bool meansUnreachable(const char* name) {
-  return name != nullptr &&
-         (std::strcmp(name, "org.freedesktop.DBus.Error.ServiceUnknown") == 0 ||
-          std::strcmp(name, "org.freedesktop.DBus.Error.NameHasNoOwner") == 0 ||
-          std::strcmp(name, "org.freedesktop.DBus.Error.AccessDenied") == 0);
+  return name != nullptr && (std::strcmp(name, "org.freedesktop.DBus.Error.ServiceUnknown") == 0 ||
+                             std::strcmp(name, "org.freedesktop.DBus.Error.NameHasNoOwner") == 0 ||
+                             std::strcmp(name, "org.freedesktop.DBus.Error.AccessDenied") == 0);
 }
 
 // Handlers are the host's code; nothing they throw may unwind through sd-bus.
@@ -52,6 +74,11 @@ void invokeGuarded(const Fn& fn, Args&&... args) noexcept {
   } catch (...) {  // NOLINT(bugprone-empty-catch): a host handler's exception must not end the connection's thread
   }
 }
+
+struct Subscription {
+  std::string center;
+  NotificationSink sink;
+};
 
 struct Request {
   std::string_view interface;  // static storage: the wire-name constants
@@ -85,9 +112,11 @@ struct NamedConnection::Core {
   WireHints wireHints;                        // set before resume
 
   mutable std::mutex mutex;
-  std::vector<Request> requests;            // guarded by mutex
-  bool invalidateRequested = false;         // guarded by mutex
-  bool stopRequested = false;               // guarded by mutex
+  std::vector<Request> requests;                        // guarded by mutex
+  std::vector<Subscription> subscriptions;              // guarded by mutex; changes not yet applied
+  std::vector<std::shared_ptr<ExitFlush>> exitFlushes;  // guarded by mutex
+  bool invalidateRequested = false;                     // guarded by mutex
+  bool stopRequested = false;                           // guarded by mutex
 
   ~Core() {
     if (wakeFd >= 0) ::close(wakeFd);
@@ -206,16 +235,26 @@ class Loop {
     }
     // The two vectors trade places, so neither side allocates once warm.
     std::vector<Request>& requests = spareRequests_;
+    std::vector<Subscription> subscriptions;
+    std::vector<std::shared_ptr<ExitFlush>> exitFlushes;
     bool invalidateRequested = false;
     {
       std::lock_guard lock(core_->mutex);
       requests.swap(core_->requests);
+      subscriptions.swap(core_->subscriptions);
+      exitFlushes.swap(core_->exitFlushes);
       invalidateRequested = core_->invalidateRequested;
       stopping_ = core_->stopRequested;
     }
     if (invalidateRequested) invalidate();
+    // Before the requests: one sent after a subscription must find it in place.
+    for (Subscription& subscription : subscriptions) subscribe(std::move(subscription));
     for (Request& request : requests) send(std::move(request));
     requests.clear();
+    if (!exitFlushes.empty()) {
+      if (busUsable()) (void)sd_bus_flush(bus_);
+      for (const auto& flush : exitFlushes) flush->finish();
+    }
     if (stopping_) finishWhenDrained();
   }
 
@@ -280,9 +319,8 @@ class Loop {
     if (r < 0) {
       sd_bus_message_unref(message);
       const bool badArgs = r == -EINVAL;
-      invokeGuarded(request.onFailure,
-                    badArgs ? transportError(kErrorInvalidArgs, EINVAL, "arguments cannot be sent")
-                            : transportError(kErrorDisconnected, -r, std::strerror(-r)));
+      invokeGuarded(request.onFailure, badArgs ? transportError(kErrorInvalidArgs, EINVAL, "arguments cannot be sent")
+                                               : transportError(kErrorDisconnected, -r, std::strerror(-r)));
       return;
     }
     if (!request.onReply) {
@@ -327,9 +365,9 @@ class Loop {
     if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
       const sd_bus_error* error = sd_bus_message_get_error(reply);
       const int errnoCode = sd_bus_message_get_errno(reply);
-      invokeGuarded(call->onFailure, transportError(error->name != nullptr ? error->name : "",
-                                                    errnoCode > 0 ? errnoCode : EIO,
-                                                    error->message != nullptr ? error->message : ""));
+      invokeGuarded(call->onFailure,
+                    transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
+                                   error->message != nullptr ? error->message : ""));
       if (meansUnreachable(error->name)) loop->unreachable();
       loop->afterCall();
       return 0;
@@ -356,6 +394,8 @@ class Loop {
     const char* oldOwner = nullptr;
     const char* newOwner = nullptr;
     if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
+    loop->owner_ = newOwner;
+    loop->ownerKnown_ = true;
     // A first owner appearing is no interruption; losing or changing one is.
     if (oldOwner[0] != '\0') loop->interrupt();
     return 0;
@@ -366,6 +406,78 @@ class Loop {
     if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
       static_cast<Loop*>(userdata)->interrupt();
     }
+    return 0;
+  }
+
+  // One center this connection listens to. Its address is the match's
+  // userdata, so it lives in a node of its own.
+  struct Listener {
+    Loop* loop = nullptr;
+    NotificationSink sink;
+    sd_bus_slot* slot = nullptr;
+  };
+
+  void subscribe(Subscription subscription) {
+    auto found = listeners_.find(subscription.center);
+    if (!subscription.sink) {
+      if (found != listeners_.end()) {
+        sd_bus_slot_unref(found->second->slot);
+        listeners_.erase(found);
+      }
+      return;
+    }
+    if (found != listeners_.end()) {
+      found->second->sink = std::move(subscription.sink);
+      return;
+    }
+    if (!busUsable()) return;
+    auto listener = std::make_unique<Listener>();
+    listener->loop = this;
+    listener->sink = std::move(subscription.sink);
+    const std::string path = notificationCenterPath(subscription.center);
+    // No sender in the rule: unicast signals must match too, and the owner
+    // is checked on arrival, which a well-known sender in a rule cannot do.
+    if (sd_bus_match_signal_async(bus_, &listener->slot, nullptr, path.c_str(), subscription.center.c_str(),
+                                  kNotificationSignal.data(), &Loop::onNotification, nullptr, listener.get()) < 0) {
+      return;
+    }
+    listeners_.emplace(std::move(subscription.center), std::move(listener));
+    queryOwner();
+  }
+
+  // Asked once per connection, after the NameOwnerChanged match is in place,
+  // so that every later change arrives as a signal.
+  void queryOwner() {
+    if (ownerKnown_ || ownerQuery_ != nullptr) return;
+    (void)sd_bus_call_method_async(bus_, &ownerQuery_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "GetNameOwner", &Loop::onOwnerReply, this, "s",
+                                   core_->service.c_str());
+  }
+
+  static int onOwnerReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+    auto* loop = static_cast<Loop*>(userdata);
+    loop->ownerQuery_ = sd_bus_slot_unref(loop->ownerQuery_);
+    // A change reported meanwhile is newer than this answer.
+    if (loop->ownerKnown_) return 0;
+    const char* owner = nullptr;
+    if (sd_bus_message_is_method_error(reply, nullptr) == 0 && sd_bus_message_read(reply, "s", &owner) >= 0) {
+      loop->owner_ = owner;
+    }
+    loop->ownerKnown_ = true;
+    return 0;
+  }
+
+  static int onNotification(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    auto* listener = static_cast<Listener*>(userdata);
+    const Loop* loop = listener->loop;
+    const char* sender = sd_bus_message_get_sender(message);
+    if (sender == nullptr || loop->owner_.empty() || loop->owner_ != sender) return 0;
+    if (sd_bus_message_has_signature(message, "sa{sv}") <= 0) return 0;
+    const char* name = nullptr;
+    if (sd_bus_message_read_basic(message, 's', &name) < 0) return 0;
+    std::optional<VelaDictionary> userInfo = readDictionary(message);
+    if (!userInfo) return 0;
+    invokeGuarded(listener->sink, std::string(name), std::move(*userInfo));
     return 0;
   }
 
@@ -400,6 +512,9 @@ class Loop {
     for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
     filterSlot_ = sd_bus_slot_unref(filterSlot_);
     ownerSlot_ = sd_bus_slot_unref(ownerSlot_);
+    ownerQuery_ = sd_bus_slot_unref(ownerQuery_);
+    for (auto& [center, listener] : listeners_) listener->slot = sd_bus_slot_unref(listener->slot);
+    listeners_.clear();
     if (bus_ != nullptr) {
       sd_bus_detach_event(bus_);
       bus_ = sd_bus_close_unref(bus_);
@@ -417,6 +532,10 @@ class Loop {
   sd_bus* bus_ = nullptr;
   sd_bus_slot* filterSlot_ = nullptr;
   sd_bus_slot* ownerSlot_ = nullptr;
+  sd_bus_slot* ownerQuery_ = nullptr;
+  std::map<std::string, std::unique_ptr<Listener>, std::less<>> listeners_;
+  std::string owner_;        // unique name owning the service; "" while it has none
+  bool ownerKnown_ = false;  // owner_ has been learnt
   std::list<PendingCall> pending_;
   std::vector<Request> spareRequests_;
   bool interrupted_ = false;
@@ -424,6 +543,60 @@ class Loop {
   bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more
   bool stopping_ = false;
 };
+
+// Connections that exit() lets write what they hold first.
+struct LiveConnections {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<NamedConnection::Core>> cores;  // guarded by mutex
+};
+
+LiveConnections& liveConnections() {
+  // Never destroyed: exit handlers and static destructors run in any order.
+  static auto* const live = new LiveConnections();  // NOLINT(cppcoreguidelines-owning-memory)
+  return *live;
+}
+
+// The connection whose loop runs on this thread, if any: exit() called from
+// one of its handlers must not wait for that very loop.
+thread_local const NamedConnection::Core* loopOfThisThread = nullptr;
+
+// A request sent without a reply returns before it leaves the process, so a
+// host that exits right after one would lose it. exit() gives every
+// connection's thread a bounded moment to write what it was given.
+void flushAtExit() {
+  std::vector<std::shared_ptr<NamedConnection::Core>> cores;
+  {
+    std::lock_guard lock(liveConnections().mutex);
+    for (const auto& weak : liveConnections().cores) {
+      if (auto core = weak.lock()) cores.push_back(std::move(core));
+    }
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kExitFlushLimit;
+  std::vector<std::shared_ptr<ExitFlush>> waits;
+  for (const auto& core : cores) {
+    if (core.get() == loopOfThisThread || core->generation != forkGeneration.load()) continue;
+    auto flush = std::make_shared<ExitFlush>();
+    {
+      std::lock_guard lock(core->mutex);
+      core->exitFlushes.push_back(flush);
+    }
+    core->wake();
+    waits.push_back(std::move(flush));
+  }
+  for (const auto& flush : waits) {
+    std::unique_lock lock(flush->mutex);
+    flush->written.wait_until(lock, deadline, [&flush] { return flush->done; });
+  }
+}
+
+void registerForExitFlush(const std::shared_ptr<NamedConnection::Core>& core) {
+  static std::once_flag once;
+  std::call_once(once, [] { std::atexit(flushAtExit); });
+  std::lock_guard lock(liveConnections().mutex);
+  auto& cores = liveConnections().cores;
+  std::erase_if(cores, [](const std::weak_ptr<NamedConnection::Core>& weak) { return weak.expired(); });
+  cores.push_back(core);
+}
 
 }  // namespace
 
@@ -490,8 +663,10 @@ void NamedConnection::resume() {
   if (core_->wakeFd < 0) {
     invalidate();
   }
+  registerForExitFlush(core_);
   thread_ = std::thread([core = core_] {
     if (core->wakeFd < 0) return;
+    loopOfThisThread = core.get();
     Loop loop(core);
     loop.run();
   });
@@ -518,6 +693,16 @@ void NamedConnection::callMethod(std::string_view interface, std::string_view me
     core_->requests.push_back(
         Request{interface, member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)});
   });
+}
+
+void NamedConnection::listenForNotifications(std::string center, NotificationSink sink) {
+  if (!belongsToThisProcess() || core_->wakeFd < 0) return;
+  {
+    std::lock_guard lock(core_->mutex);
+    core_->subscriptions.push_back(Subscription{std::move(center), std::move(sink)});
+  }
+  // post() wakes only an idle request queue; a subscription must always be seen.
+  core_->wake();
 }
 
 }  // namespace vela::bus

@@ -20,6 +20,9 @@ namespace vela::bus {
 using ReplyHandler = std::function<void(VelaDictionary reply)>;
 using FailureHandler = std::function<void(const VelaError& error)>;
 
+// Receives one notification: its name and user info.
+using NotificationSink = std::function<void(std::string name, VelaDictionary userInfo)>;
+
 class NamedConnection;
 // Supplies a fresh connection for a request that could not leave a dead one.
 using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
@@ -87,6 +90,15 @@ class NamedConnection {
   // Thread: any.
   void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
                   FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect = nullptr);
+
+  // Delivers to `sink`, on the connection's thread, each notification of the
+  // center named `center` that the current owner of the service name sends,
+  // to everyone or to this connection alone; one from any other sender is
+  // dropped. One sink per center: a later call replaces it, an empty sink
+  // stops listening. Takes effect in order with callMethod(), so a request
+  // sent after it cannot be answered by a notification that goes unheard.
+  // Thread: any.
+  void listenForNotifications(std::string center, NotificationSink sink);
 
   struct Core;
 

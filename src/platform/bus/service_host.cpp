@@ -322,17 +322,16 @@ std::string ServiceHost::uniqueName() const {
   return unique;
 }
 
-int ServiceHost::emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
-                                  std::string_view destination) {
+int emitNotification(sd_bus* bus, std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                     std::string_view destination) {
   const std::string interface(center);
-  std::string path = "/" + interface;
-  std::replace(path.begin(), path.end(), '.', '/');
+  const std::string path = notificationCenterPath(center);
   if (sd_bus_interface_name_is_valid(interface.c_str()) == 0 || sd_bus_object_path_is_valid(path.c_str()) == 0) {
     return -EINVAL;
   }
   if (name.find('\0') != std::string_view::npos) return -EINVAL;
   sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_signal(bus_, &raw, path.c_str(), interface.c_str(), "Notification");
+  int r = sd_bus_message_new_signal(bus, &raw, path.c_str(), interface.c_str(), kNotificationSignal.data());
   if (r < 0) return r;
   const MessagePtr signal(raw);
   r = sd_bus_message_append_basic(signal.get(), SD_BUS_TYPE_STRING, std::string(name).c_str());
@@ -340,8 +339,13 @@ int ServiceHost::emitNotification(std::string_view center, std::string_view name
   if (r >= 0 && !destination.empty()) {
     r = sd_bus_message_set_destination(signal.get(), std::string(destination).c_str());
   }
-  if (r >= 0) r = sd_bus_send(bus_, signal.get(), nullptr);
+  if (r >= 0) r = sd_bus_send(bus, signal.get(), nullptr);
   return r < 0 ? r : 0;
+}
+
+int ServiceHost::emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                                  std::string_view destination) {
+  return vela::bus::emitNotification(bus_, center, name, userInfo, destination);
 }
 
 int ServiceHost::addTimer(std::chrono::microseconds delay, std::function<void()> fire) {

@@ -162,4 +162,9 @@ class ServiceHost {
   std::vector<sd_event_source*> signalSources_;
 };
 
+// Emits Notification(s name, a{sv} userInfo) on `bus` as
+// ServiceHost::emitNotification does. Returns 0 or a negative errno.
+int emitNotification(sd_bus* bus, std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                     std::string_view destination = {});
+
 }  // namespace vela::bus

@@ -8,6 +8,7 @@
 #include <systemd/sd-bus.h>
 
 #include "platform/bus/bus_handles.h"
+#include "platform/bus/service_host.h"
 #include "platform/bus/variant_codec.h"
 
 namespace vela::bus {
@@ -177,11 +178,10 @@ std::optional<std::string> TestBusClient::introspect(std::string_view destinatio
 
 int TestBusClient::subscribeNotifications(std::string_view center) {
   const std::string interface(center);
-  std::string path = "/" + interface;
-  std::replace(path.begin(), path.end(), '.', '/');
+  const std::string path = notificationCenterPath(center);
   sd_bus_slot* slot = nullptr;
   // sd_bus_match_signal waits for the bus to confirm the match.
-  const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(), "Notification",
+  const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(), kNotificationSignal.data(),
                                     &ClientCallbacks::notificationArrived, this);
   if (r < 0) return r;
   matches_.push_back(slot);
@@ -204,6 +204,11 @@ std::optional<ReceivedNotification> TestBusClient::waitNotification(std::chrono:
     if (left.count() <= 0) return std::nullopt;
     if (sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count())) < 0) return std::nullopt;
   }
+}
+
+int TestBusClient::postNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo) {
+  const int r = emitNotification(bus_, center, name, userInfo);
+  return r < 0 ? r : sd_bus_flush(bus_);
 }
 
 void TestBusClient::discardNotifications() {

@@ -109,6 +109,9 @@ class TestBusClient {
   int subscribeNotifications(std::string_view center);
   // The next collected notification, waiting up to `timeout` for one.
   std::optional<ReceivedNotification> waitNotification(std::chrono::milliseconds timeout = kDefaultTimeout);
+  // Posts Notification(name, userInfo) on `center` from this connection, to
+  // everyone. Returns once the bus has it. 0 or a negative errno.
+  int postNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo);
   // Drops every notification that has arrived so far, collected or not.
   void discardNotifications();
 

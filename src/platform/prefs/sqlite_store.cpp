@@ -21,6 +21,7 @@ constexpr const char* kCreateTable =
     "CREATE TABLE IF NOT EXISTS preferences ("
     "domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key)) WITHOUT ROWID";
 constexpr const char* kSelect = "SELECT value FROM preferences WHERE domain = ?1 AND key = ?2";
+constexpr const char* kSelectDomain = "SELECT key, value FROM preferences WHERE domain = ?1";
 constexpr const char* kUpsert = "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)";
 constexpr const char* kDelete = "DELETE FROM preferences WHERE domain = ?1 AND key = ?2";
 
@@ -150,6 +151,32 @@ std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::st
   const int size = sqlite3_column_bytes(select, 0);
   if (!blob || size <= 0) return std::nullopt;
   return decodeValue({static_cast<const std::uint8_t*>(blob), static_cast<std::size_t>(size)});
+}
+
+VelaDictionary SqliteStore::copyDomain(std::string_view domain) {
+  VelaDictionary values;
+  std::lock_guard lock(mutex_);
+  if (!ready(Access::kRead)) return values;
+  // Rare (tools list a domain), so prepared per call rather than kept with
+  // the per-key statements.
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(db_, kSelectDomain, -1, &prepared, nullptr) != SQLITE_OK) return values;
+  const Statement select(prepared);
+  bindText(select.get(), 1, domain);
+  while (sqlite3_step(select.get()) == SQLITE_ROW) {
+    const void* key = sqlite3_column_blob(select.get(), 0);
+    const int keySize = sqlite3_column_bytes(select.get(), 0);
+    const void* blob = sqlite3_column_blob(select.get(), 1);
+    const int size = sqlite3_column_bytes(select.get(), 1);
+    if (!blob || size <= 0) continue;
+    auto value = decodeValue({static_cast<const std::uint8_t*>(blob), static_cast<std::size_t>(size)});
+    if (!value) continue;
+    // An empty key is a key too; SQLite hands it back as a null pointer.
+    std::string name;
+    if (key != nullptr) name.assign(static_cast<const char*>(key), static_cast<std::size_t>(keySize));
+    values.insert_or_assign(std::move(name), std::move(*value));
+  }
+  return values;
 }
 
 bool SqliteStore::setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value) {

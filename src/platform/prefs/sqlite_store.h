@@ -50,6 +50,10 @@ class SqliteStore {
 
   std::optional<VelaValue> copyValue(std::string_view domain, std::string_view key);
 
+  // Every key of `domain` with its value; keys whose value does not decode are
+  // left out. Empty when the domain or the store is absent or unreadable.
+  VelaDictionary copyDomain(std::string_view domain);
+
   // Stores `value` under (domain, key), or removes the key for nullopt. True
   // once the change is committed (durable: the WAL is synced before return).
   bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);

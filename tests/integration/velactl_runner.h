@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace vela::testing {
+
+struct VelactlOutput {
+  int exitCode = -1;
+  std::string text;  // everything velactl printed on stdout
+};
+
+// Runs `velactl --json <arguments>` through the shell and waits for it.
+inline VelactlOutput runVelactl(const std::string& arguments) {
+  const std::string command = std::string(VELACTL_PATH) + " --json " + arguments;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  VelactlOutput output;
+  std::array<char, 4096> buffer{};
+  while (pipe && std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) output.text += buffer.data();
+  const int status = pclose(pipe.release());
+  output.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return output;
+}
+
+}  // namespace vela::testing

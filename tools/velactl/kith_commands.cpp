@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: MIT
+#include <memory>
+#include <string>
+
+#include <vela/GeoLocation.h>
+#include <vela/VelaNotifySession.h>
+#include <vela/VelaSync.h>
+
+#include "command.h"
+#include "json_value.h"
+
+namespace velactl {
+namespace {
+
+nlohmann::json stringOrNull(const std::optional<std::string>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json();
+}
+
+// Tokens print as the record's description prints them, so that a terminal,
+// a demo transcript or a CI log never holds one by accident.
+nlohmann::json token(const std::optional<std::string>& value, bool showTokens) {
+  if (!value) return nullptr;
+  return showTokens ? nlohmann::json(*value) : nlohmann::json("(not-nil)");
+}
+
+nlohmann::json accountToJson(const std::shared_ptr<VelaKithAccountInfo>& account, bool showTokens) {
+  if (!account) return nullptr;
+  return {
+      {"dsid", stringOrNull(account->dsid())},
+      {"username", stringOrNull(account->username())},
+      {"appAuthToken", token(account->appAuthToken(), showTokens)},
+      {"appAuthTokenStatus", account->appAuthTokenStatus()},
+      {"additionalInfo", toJson(account->additionalInfo())},
+      {"velaServerHost", stringOrNull(account->velaServerHost())},
+      {"velaServerProtocolScheme", stringOrNull(account->velaServerProtocolScheme())},
+      {"velaRelayEnvironment", stringOrNull(account->velaRelayEnvironment())},
+      {"internalAuthToken", token(account->internalAuthToken(), showTokens)},
+  };
+}
+
+// JSON text as a property list; nullopt, with the reason, for text that is
+// not JSON or has no property-list meaning.
+std::optional<VelaValue> propertyListFromText(const std::string& text, std::string& whyNot) {
+  const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+  if (json.is_discarded()) {
+    whyNot = "not JSON";
+    return std::nullopt;
+  }
+  return fromJson(json, &whyNot);
+}
+
+struct AccountOptions {
+  OptionalString dsid;
+  OptionalString username;
+  OptionalString appAuthToken;
+  std::int32_t appAuthTokenStatus = 0;
+  OptionalString additionalInfo;  // JSON text, checked while parsing
+  OptionalString velaServerHost;
+  OptionalString velaServerProtocolScheme;
+  OptionalString velaRelayEnvironment;
+  OptionalString internalAuthToken;
+
+  std::shared_ptr<VelaKithAccountInfo> record() const {
+    auto account = std::make_shared<VelaKithAccountInfo>();
+    account->setDsid(dsid.get());
+    account->setUsername(username.get());
+    account->setAppAuthToken(appAuthToken.get());
+    account->setAppAuthTokenStatus(appAuthTokenStatus);
+    if (auto text = additionalInfo.get()) {
+      std::string whyNot;
+      account->setAdditionalInfo(propertyListFromText(*text, whyNot));
+    }
+    account->setVelaServerHost(velaServerHost.get());
+    account->setVelaServerProtocolScheme(velaServerProtocolScheme.get());
+    account->setVelaRelayEnvironment(velaRelayEnvironment.get());
+    account->setInternalAuthToken(internalAuthToken.get());
+    return account;
+  }
+};
+
+void addAccountCommand(CLI::App& app, Action& chosen) {
+  auto* command = app.add_subcommand("add-kith-account", "Give the daemon the friends-locating account");
+  auto options = std::make_shared<AccountOptions>();
+  auto addString = [command](OptionalString& target, const char* name, const char* help) {
+    target.option = command->add_option(name, target.value, help);
+  };
+  addString(options->dsid, "--dsid", "The account's identifier at the service");
+  addString(options->username, "--username", "The account's user name");
+  addString(options->appAuthToken, "--app-auth-token", "The application authentication token");
+  command->add_option("--app-auth-token-status", options->appAuthTokenStatus, "Status of the application token")
+      ->capture_default_str();
+  addString(options->additionalInfo, "--additional-info", "Further account information, as JSON");
+  options->additionalInfo.option->check(
+      [](const std::string& text) {
+        std::string whyNot;
+        return propertyListFromText(text, whyNot) ? std::string() : whyNot;
+      },
+      "JSON");
+  addString(options->velaServerHost, "--vela-server-host", "Host of the account's service server");
+  addString(options->velaServerProtocolScheme, "--vela-server-protocol-scheme", "Protocol scheme for that server");
+  addString(options->velaRelayEnvironment, "--vela-relay-environment", "The account's push-service environment");
+  addString(options->internalAuthToken, "--internal-auth-token", "The internal authentication token");
+  command->footer("A string option left out is nil; an empty one is the empty string.");
+  command->callback([&chosen, options] {
+    chosen = [options] {
+      return Outcome{nullptr, VelaNotifySession::sharedInstance()->addKithAccount(options->record())};
+    };
+  });
+}
+
+// A region known only by its identifier, which is all the daemon is told.
+class NamedRegion final : public GeoRegion {
+ public:
+  explicit NamedRegion(std::optional<std::string> identifier) : identifier_(std::move(identifier)) {}
+  std::optional<std::string> identifier() const override { return identifier_; }
+
+ private:
+  std::optional<std::string> identifier_;
+};
+
+struct RegionEventOptions {
+  OptionalString identifier;
+  double latitude = 0.0;
+  double longitude = 0.0;
+  double altitude = 0.0;
+  double horizontalAccuracy = 0.0;
+  double verticalAccuracy = 0.0;
+  double course = 0.0;
+  double speed = 0.0;
+  double timestamp = 0.0;
+  CLI::Option* timestampOption = nullptr;
+
+  GeoLocation location() const {
+    std::optional<VelaDate> when;
+    if (timestampOption->count() > 0) when = VelaDate{timestamp};
+    return GeoLocation(GeoCoordinate{latitude, longitude}, altitude, horizontalAccuracy, verticalAccuracy, course,
+                       speed, when);
+  }
+};
+
+using RegionEvent = void (VelaNotifySession::*)(const GeoRegion*, const GeoLocation*);
+
+// Region events are sent without an answer: the result is always null.
+void addRegionCommand(CLI::App& app, Action& chosen, const char* name, const char* help, RegionEvent event) {
+  auto* command = app.add_subcommand(name, help);
+  auto options = std::make_shared<RegionEventOptions>();
+  options->identifier.option =
+      command->add_option("--identifier", options->identifier.value, "The region's identifier (left out: nil)");
+  command->add_option("--latitude", options->latitude, "Degrees")->capture_default_str();
+  command->add_option("--longitude", options->longitude, "Degrees")->capture_default_str();
+  command->add_option("--altitude", options->altitude, "Metres")->capture_default_str();
+  command->add_option("--horizontal-accuracy", options->horizontalAccuracy, "Metres")->capture_default_str();
+  command->add_option("--vertical-accuracy", options->verticalAccuracy, "Metres")->capture_default_str();
+  command->add_option("--course", options->course, "Degrees")->capture_default_str();
+  command->add_option("--speed", options->speed, "Metres per second")->capture_default_str();
+  options->timestampOption =
+      command->add_option("--timestamp", options->timestamp, "Seconds since 1970-01-01 UTC (left out: nil)");
+  command->callback([&chosen, options, event] {
+    chosen = [options, event] {
+      const NamedRegion region(options->identifier.get());
+      const GeoLocation location = options->location();
+      (*VelaNotifySession::sharedInstance().*event)(&region, &location);
+      return Outcome{nullptr, std::nullopt};
+    };
+  });
+}
+
+}  // namespace
+
+void addKithCommands(CLI::App& app, Action& chosen) {
+  addAccountCommand(app, chosen);
+
+  auto* remove = app.add_subcommand("remove-kith-account-with-username",
+                                    "Ask the daemon to forget the friends-locating account with this user name");
+  auto username = std::make_shared<OptionalString>();
+  username->option = remove->add_option("username,--username", username->value, "The user name (left out: nil)");
+  remove->callback([&chosen, username] {
+    chosen = [username] {
+      return Outcome{nullptr, VelaNotifySession::sharedInstance()->removeKithAccountWithUsername(username->get())};
+    };
+  });
+
+  auto* retrieve = app.add_subcommand("retrieve-kith-account", "The daemon's friends-locating account");
+  auto showTokens = std::make_shared<bool>(false);
+  retrieve->add_flag("--show-tokens", *showTokens, "Print the authentication tokens instead of \"(not-nil)\"");
+  retrieve->callback([&chosen, showTokens] {
+    chosen = [showTokens] {
+      std::shared_ptr<VelaKithAccountInfo> account;
+      auto error = VelaNotifySession::sharedInstance()->retrieveKithAccount(account);
+      return Outcome{accountToJson(account, *showTokens), std::move(error)};
+    };
+  });
+
+  addRegionCommand(app, chosen, "did-enter-kith-region", "Tell the daemon the device entered a friends region",
+                   &VelaNotifySession::didEnterKithRegion);
+  addRegionCommand(app, chosen, "did-exit-kith-region", "Tell the daemon the device left a friends region",
+                   &VelaNotifySession::didExitKithRegion);
+}
+
+}  // namespace velactl

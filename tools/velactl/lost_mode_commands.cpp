@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: MIT
+#include <memory>
+
+#include <vela/VelaNotifySession.h>
+
+#include "command.h"
+#include "json_value.h"
+
+namespace velactl {
+namespace {
+
+nlohmann::json optionalString(const std::optional<std::string>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json();
+}
+
+// The record's three properties, nil as null.
+nlohmann::json infoToJson(const std::shared_ptr<VelaLostModeInfo>& info) {
+  if (!info) return nullptr;
+  return {{"lostModeEnabled", info->lostModeEnabled()},
+          {"message", optionalString(info->message())},
+          {"phoneNumber", optionalString(info->phoneNumber())}};
+}
+
+}  // namespace
+
+void addLostModeCommands(CLI::App& app, Action& chosen) {
+  app.add_subcommand("lost-mode-is-active", "Whether lost mode is on, as the preference store says")
+      ->callback([&chosen] {
+        chosen = [] { return Outcome{VelaNotifySession::sharedInstance()->lostModeIsActive(), {}}; };
+      });
+
+  app.add_subcommand("lost-mode-info", "The active lost-mode entry: flag, message and owner's number")
+      ->callback([&chosen] {
+        chosen = [] { return Outcome{infoToJson(VelaNotifySession::sharedInstance()->lostModeInfo()), {}}; };
+      });
+
+  app.add_subcommand("lost-mode-params", "The locked screen's lost-mode parameters (null unless both texts are set)")
+      ->callback([&chosen] {
+        chosen = [] {
+          const auto params = VelaNotifySession::sharedInstance()->lostModeParams();
+          return Outcome{params ? toJson(VelaValue(*params)) : nlohmann::json(), {}};
+        };
+      });
+
+  struct EnableOptions {
+    OptionalString message;
+    OptionalString phoneNumber;
+    bool enabled = true;
+    bool noInfo = false;
+  };
+  auto options = std::make_shared<EnableOptions>();
+  auto* enable = app.add_subcommand("enable-lost-mode", "Ask the daemon to switch lost mode on");
+  options->message.option =
+      enable->add_option("--message", options->message.value, "Text for the locked screen (left out: nil)");
+  options->phoneNumber.option =
+      enable->add_option("--phone-number", options->phoneNumber.value, "Owner's number (left out: nil)");
+  enable->add_flag("--enabled,!--disabled", options->enabled, "The record's flag (default: enabled)");
+  enable->add_flag("--no-info", options->noInfo, "Send no record at all (nil)");
+  enable->callback([&chosen, options] {
+    chosen = [options] {
+      std::shared_ptr<VelaLostModeInfo> info;
+      if (!options->noInfo) {
+        info = std::make_shared<VelaLostModeInfo>();
+        info->setLostModeEnabled(options->enabled);
+        info->setMessage(options->message.get());
+        info->setPhoneNumber(options->phoneNumber.get());
+      }
+      return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLostModeWithInfo(std::move(info))};
+    };
+  });
+
+  app.add_subcommand("disable-lost-mode", "Ask the daemon to switch lost mode off, without waiting")
+      ->callback([&chosen] {
+        chosen = [] {
+          VelaNotifySession::sharedInstance()->disableLostMode();
+          return Outcome{nullptr, {}};
+        };
+      });
+}
+
+}  // namespace velactl

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+#include <memory>
+#include <string>
+
+#include <vela/VelaPreferencesUtil.h>
+
+#include "command.h"
+#include "json_value.h"
+
+namespace velactl {
+namespace {
+
+struct PrefsOptions {
+  std::string domain;
+  std::string key;
+  std::string value;  // JSON text, for set
+};
+
+// The value of `prefs set`, as JSON with dates, data and sets tagged (see
+// json_value.h); a value that has no property-list meaning is refused while
+// the command line is read.
+std::optional<VelaValue> parseValue(const std::string& text, std::string* whyNot) {
+  const auto json = nlohmann::json::parse(text, nullptr, false);
+  if (json.is_discarded()) {
+    *whyNot = "not JSON: " + text;
+    return std::nullopt;
+  }
+  return fromJson(json, whyNot);
+}
+
+CLI::App* addKeyCommand(CLI::App& prefs, const std::shared_ptr<PrefsOptions>& options, const char* name,
+                        const char* help) {
+  auto* command = prefs.add_subcommand(name, help);
+  command->add_option("key", options->key, "The key")->required();
+  command->add_option("--domain", options->domain, "The preference domain")->required();
+  return command;
+}
+
+}  // namespace
+
+void addPrefsCommands(CLI::App& app, Action& chosen) {
+  auto* prefs = app.add_subcommand("prefs", "Read and write the preference store, any domain");
+  prefs->require_subcommand(1);
+  auto options = std::make_shared<PrefsOptions>();
+
+  addKeyCommand(*prefs, options, "get", "The key's value, null when absent")->callback([&chosen, options] {
+    chosen = [options] {
+      return Outcome{toJson(VelaPreferencesUtil::objectForKey(options->key, options->domain)), {}};
+    };
+  });
+
+  auto* set = addKeyCommand(*prefs, options, "set", "Store a value; prints it as read back");
+  set->add_option("value", options->value, R"(JSON: "text", 5, 2.5, true, [..], {..}, {"$date": s}, {"$data": b64})")
+      ->required()
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            std::string whyNot;
+            return parseValue(text, &whyNot) ? std::string() : whyNot;
+          },
+          "JSON"));
+  set->callback([&chosen, options] {
+    chosen = [options] {
+      std::string whyNot;
+      VelaPreferencesUtil::setObject(parseValue(options->value, &whyNot), options->key, options->domain);
+      return Outcome{toJson(VelaPreferencesUtil::objectForKey(options->key, options->domain)), {}};
+    };
+  });
+
+  addKeyCommand(*prefs, options, "remove", "Remove the key; nothing happens if it is absent")
+      ->callback([&chosen, options] {
+        chosen = [options] {
+          VelaPreferencesUtil::removeKey(options->key, options->domain);
+          return Outcome{nullptr, {}};
+        };
+      });
+
+  auto* list = prefs->add_subcommand("list", "Every key of the domain with its value");
+  list->add_option("--domain", options->domain, "The preference domain")->required();
+  list->callback([&chosen, options] {
+    chosen = [options] {
+      return Outcome{toJson(VelaValue(VelaPreferencesUtil::dictionaryForDomain(options->domain))), {}};
+    };
+  });
+}
+
+}  // namespace velactl
