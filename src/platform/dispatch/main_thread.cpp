@@ -62,6 +62,11 @@ MainThreadState& state() {
   return *shared;
 }
 
+// Made while the library loads, before any thread of the host can race its
+// first use against fork(): a child forked while another thread was still
+// initialising it would wait forever for that initialisation to finish.
+[[maybe_unused]] const bool kStateMadeAtLoad = (state(), true);  // NOLINT(cert-err58-cpp)
+
 void runGuarded(const Task& task) {
   try {
     task();
