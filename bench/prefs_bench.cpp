@@ -49,6 +49,23 @@ class BenchDatabase {
                        SQLITE_PREPARE_PERSISTENT, &select_, nullptr);
     sqlite3_prepare_v3(db_, "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)", -1,
                        SQLITE_PREPARE_PERSISTENT, &upsert_, nullptr);
+    growWriteAheadLog();
+  }
+
+  // Whichever write benchmark ran first used to pay for growing the log
+  // file, and came out up to three times slower than the same writes run
+  // alone. Past a few automatic checkpoints the log is reused at its full
+  // size, so both sides then measure the same steady state.
+  void growWriteAheadLog() {
+    sqlite3_exec(db_, "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
+    for (int i = 0; i < 3000; ++i) {
+      sqlite3_bind_text(upsert_, 1, kDomain, -1, SQLITE_STATIC);
+      sqlite3_bind_text(upsert_, 2, "warm-up", -1, SQLITE_STATIC);
+      sqlite3_bind_blob(upsert_, 3, encoded_.data(), static_cast<int>(encoded_.size()), SQLITE_STATIC);
+      sqlite3_step(upsert_);
+      sqlite3_reset(upsert_);
+    }
+    sqlite3_exec(db_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
   }
   ~BenchDatabase() {
     sqlite3_finalize(select_);
