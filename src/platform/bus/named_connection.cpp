@@ -574,7 +574,9 @@ void flushAtExit() {
   const auto deadline = std::chrono::steady_clock::now() + kExitFlushLimit;
   std::vector<std::shared_ptr<ExitFlush>> waits;
   for (const auto& core : cores) {
-    if (core.get() == loopOfThisThread || core->generation != forkGeneration.load()) continue;
+    // Not its own loop, whose thread is this one; not one inherited across
+    // fork(), or one whose thread never started: neither has a loop to wait for.
+    if (core.get() == loopOfThisThread || core->generation != forkGeneration.load() || core->wakeFd < 0) continue;
     auto flush = std::make_shared<ExitFlush>();
     {
       std::lock_guard lock(core->mutex);
