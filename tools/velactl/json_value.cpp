@@ -74,21 +74,38 @@ nlohmann::json toJson(const VelaValue& value) {
 
 nlohmann::json toJson(const std::optional<VelaValue>& value) { return value ? toJson(*value) : nlohmann::json(); }
 
+nlohmann::json toJson(const std::optional<std::string>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json();
+}
+
+std::optional<VelaValue> fromJsonText(const std::string& text, std::string* whyNot) {
+  const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+  if (json.is_discarded()) {
+    *whyNot = "not JSON: " + text;
+    return std::nullopt;
+  }
+  return fromJson(json, whyNot);
+}
+
 std::optional<VelaValue> fromJson(const nlohmann::json& json, std::string* whyNot) {
   auto refuse = [whyNot](const std::string& why) -> std::optional<VelaValue> {
     if (whyNot != nullptr) *whyNot = why;
     return std::nullopt;
   };
   switch (json.type()) {
-    case nlohmann::json::value_t::string: return VelaValue(json.get<std::string>());
-    case nlohmann::json::value_t::boolean: return VelaValue(json.get<bool>());
-    case nlohmann::json::value_t::number_integer: return VelaValue(json.get<std::int64_t>());
+    case nlohmann::json::value_t::string:
+      return VelaValue(json.get<std::string>());
+    case nlohmann::json::value_t::boolean:
+      return VelaValue(json.get<bool>());
+    case nlohmann::json::value_t::number_integer:
+      return VelaValue(json.get<std::int64_t>());
     case nlohmann::json::value_t::number_unsigned: {
       const auto u = json.get<std::uint64_t>();
       if (u > static_cast<std::uint64_t>(INT64_MAX)) return refuse("integer out of range");
       return VelaValue(static_cast<std::int64_t>(u));
     }
-    case nlohmann::json::value_t::number_float: return VelaValue(json.get<double>());
+    case nlohmann::json::value_t::number_float:
+      return VelaValue(json.get<double>());
     case nlohmann::json::value_t::array: {
       VelaArray items;
       for (const auto& item : json) {
@@ -120,7 +137,8 @@ std::optional<VelaValue> fromJson(const nlohmann::json& json, std::string* whyNo
       }
       return VelaValue(std::move(dict));
     }
-    default: return refuse("null and binary values have no property-list meaning");
+    default:
+      return refuse("null and binary values have no property-list meaning");
   }
 }
 

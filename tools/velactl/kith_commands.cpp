@@ -4,17 +4,12 @@
 
 #include <vela/GeoLocation.h>
 #include <vela/VelaNotifySession.h>
-#include <vela/VelaSync.h>
 
 #include "command.h"
 #include "json_value.h"
 
 namespace velactl {
 namespace {
-
-nlohmann::json stringOrNull(const std::optional<std::string>& value) {
-  return value ? nlohmann::json(*value) : nlohmann::json();
-}
 
 // Tokens print as the record's description prints them, so that a terminal,
 // a demo transcript or a CI log never holds one by accident.
@@ -26,27 +21,16 @@ nlohmann::json token(const std::optional<std::string>& value, bool showTokens) {
 nlohmann::json accountToJson(const std::shared_ptr<VelaKithAccountInfo>& account, bool showTokens) {
   if (!account) return nullptr;
   return {
-      {"dsid", stringOrNull(account->dsid())},
-      {"username", stringOrNull(account->username())},
+      {"dsid", toJson(account->dsid())},
+      {"username", toJson(account->username())},
       {"appAuthToken", token(account->appAuthToken(), showTokens)},
       {"appAuthTokenStatus", account->appAuthTokenStatus()},
       {"additionalInfo", toJson(account->additionalInfo())},
-      {"velaServerHost", stringOrNull(account->velaServerHost())},
-      {"velaServerProtocolScheme", stringOrNull(account->velaServerProtocolScheme())},
-      {"velaRelayEnvironment", stringOrNull(account->velaRelayEnvironment())},
+      {"velaServerHost", toJson(account->velaServerHost())},
+      {"velaServerProtocolScheme", toJson(account->velaServerProtocolScheme())},
+      {"velaRelayEnvironment", toJson(account->velaRelayEnvironment())},
       {"internalAuthToken", token(account->internalAuthToken(), showTokens)},
   };
-}
-
-// JSON text as a property list; nullopt, with the reason, for text that is
-// not JSON or has no property-list meaning.
-std::optional<VelaValue> propertyListFromText(const std::string& text, std::string& whyNot) {
-  const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
-  if (json.is_discarded()) {
-    whyNot = "not JSON";
-    return std::nullopt;
-  }
-  return fromJson(json, &whyNot);
 }
 
 struct AccountOptions {
@@ -68,7 +52,7 @@ struct AccountOptions {
     account->setAppAuthTokenStatus(appAuthTokenStatus);
     if (auto text = additionalInfo.get()) {
       std::string whyNot;
-      account->setAdditionalInfo(propertyListFromText(*text, whyNot));
+      account->setAdditionalInfo(fromJsonText(*text, &whyNot));
     }
     account->setVelaServerHost(velaServerHost.get());
     account->setVelaServerProtocolScheme(velaServerProtocolScheme.get());
@@ -93,7 +77,7 @@ void addAccountCommand(CLI::App& app, Action& chosen) {
   options->additionalInfo.option->check(
       [](const std::string& text) {
         std::string whyNot;
-        return propertyListFromText(text, whyNot) ? std::string() : whyNot;
+        return fromJsonText(text, &whyNot) ? std::string() : whyNot;
       },
       "JSON");
   addString(options->velaServerHost, "--vela-server-host", "Host of the account's service server");

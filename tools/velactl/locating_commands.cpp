@@ -10,10 +10,6 @@
 namespace velactl {
 namespace {
 
-nlohmann::json optionalString(const std::optional<std::string>& value) {
-  return value ? nlohmann::json(*value) : nlohmann::json();
-}
-
 nlohmann::json optionalValue(const std::optional<VelaDictionary>& value) {
   return value ? toJson(VelaValue(*value)) : nlohmann::json();
 }
@@ -21,7 +17,7 @@ nlohmann::json optionalValue(const std::optional<VelaDictionary>& value) {
 void addQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
               std::optional<std::string> (VelaNotifySession::*query)()) {
   app.add_subcommand(name, help)->callback([&chosen, query] {
-    chosen = [query] { return Outcome{optionalString((*VelaNotifySession::sharedInstance().*query)()), {}}; };
+    chosen = [query] { return Outcome{toJson((*VelaNotifySession::sharedInstance().*query)()), {}}; };
   });
 }
 
@@ -45,7 +41,7 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
                   &VelaNotifySession::nimbusAccount);
 
   app.add_subcommand("copy-store-account", "The store account, through the shared session")->callback([&chosen] {
-    chosen = [] { return Outcome{optionalString(VelaNotifySession::copyStoreAccount()), {}}; };
+    chosen = [] { return Outcome{toJson(VelaNotifySession::copyStoreAccount()), {}}; };
   });
 
   app.add_subcommand("retrieve-all-accounts", "Every account, keyed by user name")->callback([&chosen] {
@@ -64,7 +60,9 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
       using Answer = std::pair<std::int32_t, std::optional<VelaError>>;
       auto done = std::make_shared<Completion<Answer>>();
       VelaNotifySession::sharedInstance()->locusStateWithCompletion(
-          [done](std::int32_t value, std::optional<VelaError> error) { done->set({value, std::move(error)}); });
+          [done](std::int32_t value, std::optional<VelaError> error) {
+            done->set({value, std::move(error)});
+          });
       auto answer = done->wait(std::chrono::milliseconds(waitMs));
       if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
       return Outcome{answer->first, std::move(answer->second)};
@@ -78,7 +76,9 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
       using Answer = std::pair<bool, std::optional<VelaError>>;
       auto done = std::make_shared<Completion<Answer>>();
       VelaNotifySession::sharedInstance()->isLocusStateChangeInProgressWithCompletion(
-          [done](bool value, std::optional<VelaError> error) { done->set({value, std::move(error)}); });
+          [done](bool value, std::optional<VelaError> error) {
+            done->set({value, std::move(error)});
+          });
       auto answer = done->wait(std::chrono::milliseconds(waitMs));
       if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
       return Outcome{answer->first, std::move(answer->second)};

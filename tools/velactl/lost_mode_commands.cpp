@@ -9,16 +9,12 @@
 namespace velactl {
 namespace {
 
-nlohmann::json optionalString(const std::optional<std::string>& value) {
-  return value ? nlohmann::json(*value) : nlohmann::json();
-}
-
 // The record's three properties, nil as null.
 nlohmann::json infoToJson(const std::shared_ptr<VelaLostModeInfo>& info) {
   if (!info) return nullptr;
   return {{"lostModeEnabled", info->lostModeEnabled()},
-          {"message", optionalString(info->message())},
-          {"phoneNumber", optionalString(info->phoneNumber())}};
+          {"message", toJson(info->message())},
+          {"phoneNumber", toJson(info->phoneNumber())}};
 }
 
 }  // namespace

@@ -16,18 +16,6 @@ struct PrefsOptions {
   std::string value;  // JSON text, for set
 };
 
-// The value of `prefs set`, as JSON with dates, data and sets tagged (see
-// json_value.h); a value that has no property-list meaning is refused while
-// the command line is read.
-std::optional<VelaValue> parseValue(const std::string& text, std::string* whyNot) {
-  const auto json = nlohmann::json::parse(text, nullptr, false);
-  if (json.is_discarded()) {
-    *whyNot = "not JSON: " + text;
-    return std::nullopt;
-  }
-  return fromJson(json, whyNot);
-}
-
 CLI::App* addKeyCommand(CLI::App& prefs, const std::shared_ptr<PrefsOptions>& options, const char* name,
                         const char* help) {
   auto* command = prefs.add_subcommand(name, help);
@@ -55,13 +43,13 @@ void addPrefsCommands(CLI::App& app, Action& chosen) {
       ->check(CLI::Validator(
           [](const std::string& text) {
             std::string whyNot;
-            return parseValue(text, &whyNot) ? std::string() : whyNot;
+            return fromJsonText(text, &whyNot) ? std::string() : whyNot;
           },
           "JSON"));
   set->callback([&chosen, options] {
     chosen = [options] {
       std::string whyNot;
-      VelaPreferencesUtil::setObject(parseValue(options->value, &whyNot), options->key, options->domain);
+      VelaPreferencesUtil::setObject(fromJsonText(options->value, &whyNot), options->key, options->domain);
       return Outcome{toJson(VelaPreferencesUtil::objectForKey(options->key, options->domain)), {}};
     };
   });

@@ -27,8 +27,8 @@ void addSendCommand(CLI::App& app, Action& chosen, const char* name, const char*
 void addTopicCommands(CLI::App& app, Action& chosen) {
   addSendCommand(app, chosen, "start-listening-on-topic", "Ask the daemon to listen on a push topic", "--topic",
                  &VelaNotifySession::startListeningOnTopic);
-  addSendCommand(app, chosen, "stop-listening-on-topic", "Ask the daemon to stop listening on a push topic",
-                 "--topic", &VelaNotifySession::stopListeningOnTopic);
+  addSendCommand(app, chosen, "stop-listening-on-topic", "Ask the daemon to stop listening on a push topic", "--topic",
+                 &VelaNotifySession::stopListeningOnTopic);
   addSendCommand(app, chosen, "dump-debug-info", "Ask the daemon to dump its debug state", "--argument",
                  &VelaNotifySession::dumpDebugInfo);
 }
