@@ -60,8 +60,13 @@ void HandsetActionsProxy::send(std::string_view memberName, VelaDictionary args,
       }
     };
   }
-  connection_->callMethod(bus::kHandsetActionsInterface, memberName, std::move(args), std::move(onReply),
-                          errorHandler_, reconnect_);
+  if (waitDeadline_ && onReply) {
+    lastDelivery_ = connection_->callMethodAndWait(bus::kHandsetActionsInterface, memberName, std::move(args),
+                                                   std::move(onReply), errorHandler_, reconnect_, *waitDeadline_);
+    return;
+  }
+  connection_->callMethod(bus::kHandsetActionsInterface, memberName, std::move(args), std::move(onReply), errorHandler_,
+                          reconnect_);
 }
 
 void HandsetActionsProxy::sendErrorOnly(std::string_view memberName, VelaDictionary args, VelaErrorReply reply) {
@@ -77,8 +82,7 @@ void HandsetActionsProxy::sendErrorOnly(std::string_view memberName, VelaDiction
   });
 }
 
-void HandsetActionsProxy::sendOneString(std::string_view memberName, std::string_view valueKey,
-                                        VelaStringReply reply) {
+void HandsetActionsProxy::sendOneString(std::string_view memberName, std::string_view valueKey, VelaStringReply reply) {
   send(memberName, {}, [valueKey, reply = std::move(reply)](const VelaDictionary& r) {
     std::optional<VelaError> error;
     std::optional<std::string> value;
@@ -169,8 +173,7 @@ void HandsetActionsProxy::addKithAccount(std::shared_ptr<VelaKithAccountInfo> ac
 }
 
 void HandsetActionsProxy::removeKithAccountWithUsername(std::optional<std::string> username, VelaErrorReply reply) {
-  sendErrorOnly(member::kRemoveKithAccountWithUsername, Args().add(key::kUsername, username).take(),
-                std::move(reply));
+  sendErrorOnly(member::kRemoveKithAccountWithUsername, Args().add(key::kUsername, username).take(), std::move(reply));
 }
 
 void HandsetActionsProxy::retrieveKithAccountUsingCallback(VelaKithAccountReply reply) {

@@ -18,8 +18,7 @@ HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSe
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __VELA_WAIT_SYNC(std::shared_ptr<VelaSemaphore> semaphore) {
-  constexpr std::chrono::seconds kReplyTimeLimit{5};
-  if (semaphore) semaphore->waitUntil(std::chrono::steady_clock::now() + kReplyTimeLimit);
+  if (semaphore) semaphore->waitUntil(std::chrono::steady_clock::now() + vela::session::kReplyTimeLimit);
   // The caller's reference ends with this call.
 }
 

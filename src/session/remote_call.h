@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,6 +36,9 @@ HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSe
 inline void setLastOperationResult(std::intptr_t code) {
   velaLastOperationResult.store(code, std::memory_order_relaxed);
 }
+
+// How long a synchronous call waits for its answer.
+inline constexpr std::chrono::seconds kReplyTimeLimit{5};
 
 // What the reply closure leaves for the caller. The caller closes the slots
 // when its wait ends, so a reply that arrives later finds them closed and
@@ -87,11 +91,14 @@ SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string_
   auto slots = std::make_shared<ReplySlots<Values...>>();
   auto semaphore = VelaSemaphore::create(0);
   HandsetActionsProxy proxy = linkProxy(session, semaphore, label, nullptr);
+  // One time limit for the whole call, however the answer comes in.
+  const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
+  proxy.waitForAnswersUntil(deadline);
   std::forward<Send>(send)(proxy, [slots, semaphore](Values... values, std::optional<VelaError> error) {
     slots->fill(std::move(error), std::move(values)...);
     semaphore->signal();
   });
-  __VELA_WAIT_SYNC(std::move(semaphore));
+  if (proxy.lastDelivery() == bus::NamedConnection::Delivery::kPending) semaphore->waitUntil(deadline);
   auto outcome = slots->close();
   SyncResult<Values...> result{std::move(outcome.error), std::move(outcome.values)};
   if (!outcome.answered) result.error = session.newErrorForCode(VelaErrorCodeTimedOut, "timed out");

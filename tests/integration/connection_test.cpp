@@ -83,8 +83,10 @@ TEST_F(AConnectionToVelad, TimesOutAfterFiveSecondsWhenTheDaemonNeverAnswers) {
 TEST_F(AConnectionToVelad, DropsAReplyThatArrivesAfterTheTimeLimit) {
   // The late reply lands while a second call is in flight; the slots it would
   // have filled belong to a call that is over.
-  ASSERT_TRUE(control_->setBehavior(member::kGetLocusDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 5500ms}));
-  ASSERT_TRUE(control_->setBehavior(member::kGetKithDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 1500ms}));
+  ASSERT_TRUE(
+      control_->setBehavior(member::kGetLocusDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 5500ms}));
+  ASSERT_TRUE(
+      control_->setBehavior(member::kGetKithDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 1500ms}));
 
   EXPECT_FALSE(session_->locusDeviceId());
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
@@ -128,6 +130,55 @@ TEST_F(AConnectionToVelad, ServesManyThreadsAtOnce) {
     }));
   }
   for (auto& worker : workers) EXPECT_EQ(worker.get(), 0);
+}
+
+// A caller waiting for its own answer reads the bus for everyone while it
+// waits; the next three cases hold it to that.
+TEST_F(AConnectionToVelad, AnswersOtherCallersWhileOneWaitsOutTheTimeLimit) {
+  const auto expected = session_->kithDeviceId();  // the connection is up before the caller that waits
+  ASSERT_TRUE(expected);
+  behave(member::kEnableLocusInContext, "never");
+  auto stuck = std::async(std::launch::async, [this] { return session_->enableLocusInContext(2); });
+  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext)) << control_->lastFailure();
+
+  const auto took = timed([&] {
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(session_->kithDeviceId(), expected);
+  });
+  EXPECT_LT(took, 2500ms) << "callers queued behind one that waits must still be answered at once";
+  expectTimedOut(stuck.get());
+  EXPECT_TRUE(session_->locusDeviceId()) << "the connection must serve on after a caller gave up reading it";
+}
+
+TEST_F(AConnectionToVelad, RunsCompletionsOnItsOwnThreadWhenACallerReadsTheirReplies) {
+  // The completion's reply arrives while a synchronous caller reads the bus.
+  ASSERT_TRUE(control_->setBehavior(member::kGetLocusState, VeladControl::Behavior{.mode = "delay", .delay = 200ms}));
+  ASSERT_TRUE(control_->setBehavior(member::kGetKithDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 600ms}));
+  std::promise<std::thread::id> ranOn;
+  session_->locusStateWithCompletion([&ranOn](std::int32_t /*state*/, const std::optional<VelaError>& /*error*/) {
+    ranOn.set_value(std::this_thread::get_id());
+  });
+  std::thread::id callerThread;
+  auto caller = std::async(std::launch::async, [&] {
+    callerThread = std::this_thread::get_id();
+    return session_->kithDeviceId();
+  });
+  EXPECT_TRUE(caller.get());
+  auto completion = ranOn.get_future();
+  ASSERT_EQ(completion.wait_for(5s), std::future_status::ready);
+  const std::thread::id completionThread = completion.get();
+  EXPECT_NE(completionThread, callerThread);
+  EXPECT_NE(completionThread, std::this_thread::get_id());
+}
+
+TEST_F(AConnectionToVelad, EndsAWaitingCallAtOnceWhenTheConnectionIsDestroyed) {
+  ASSERT_TRUE(session_->locusDeviceId());  // the connection is up before the caller that waits
+  behave(member::kEnableLocusInContext, "never");
+  auto stuck = std::async(std::launch::async, [this] { return timed([this] { session_->enableLocusInContext(2); }); });
+  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext)) << control_->lastFailure();
+
+  session_->_destroyLinkConnection();
+  EXPECT_LT(stuck.get(), 2500ms);
+  EXPECT_TRUE(session_->locusDeviceId());
 }
 
 TEST_F(AConnectionToVelad, FailsTheCallsOfADestroyedSessionWithoutTouchingIt) {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -30,10 +31,11 @@ using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
 // A connection to one named service, with a thread of its own.
 //
 // The connection opens a private bus connection (never the process's shared
-// one) and runs its event loop on "the connection's thread". Everything that
-// touches sd-bus happens there: other threads hand their requests over
-// through a queue and wake the loop. Replies, failures and the interruption
-// and invalidation handlers all run on that thread.
+// one) and runs its event loop on "the connection's thread". Other threads
+// hand their requests over through a queue and wake the loop. Replies,
+// failures and the interruption and invalidation handlers run on that
+// thread; the one exception is callMethodAndWait(), whose caller may read
+// its own answer. sd-bus objects are used by one thread at a time.
 //
 // Interruption: the service's name lost its owner, or the bus dropped.
 // Invalidation: the service cannot be reached (no owner and no activation,
@@ -90,6 +92,24 @@ class NamedConnection {
   // Thread: any.
   void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
                   FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect = nullptr);
+
+  // What callMethodAndWait() leaves to its caller.
+  enum class Delivery {
+    kDelivered,       // a handler has run
+    kPending,         // a handler runs later, on some thread: wait for it
+    kDeadlinePassed,  // no handler ran and none will
+  };
+
+  // callMethod() for a caller that blocks until the answer. While no other
+  // thread reads the bus, the calling thread reads it itself until its own
+  // handler has run or `deadline` passes, which spares the hand-overs
+  // between threads. Its handlers may then run on the calling thread, or on
+  // another caller's, so they must only record the answer and signal; every
+  // other handler and notification still runs on the connection's thread.
+  // Thread: any.
+  Delivery callMethodAndWait(std::string_view interface, std::string_view member, VelaDictionary args,
+                             ReplyHandler onReply, FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect,
+                             std::chrono::steady_clock::time_point deadline);
 
   // Delivers to `sink`, on the connection's thread, each notification of the
   // center named `center` that the current owner of the service name sends,
