@@ -139,11 +139,13 @@ class Loop {
     }
     bool busFailed = false;
     bool timedOut = false;
+    bool reads = !core_->leaderActive;
+    if (reads) takeBus();
     while (!waiter->answered && !busFailed && !timedOut) {
-      if (!core_->leaderActive) {
+      if (reads) {
         busFailed = readUntilAnswered(*waiter, deadline, lock);
         timedOut = !waiter->answered && !busFailed;
-        continue;
+        break;
       }
       // Another caller reads the bus: wait, without holding the bus, for it
       // to deliver this answer or to hand the bus over.
@@ -155,10 +157,11 @@ class Loop {
       if (woken == Waiter::Woken::kAnswered) return Waited::kDelivered;
       lock.lock();
       std::erase(waiting_, waiter);
-      timedOut = woken == Waiter::Woken::kNo && !waiter->answered;
+      // A wake-up may cross the deadline: the bus may be this caller's now.
+      reads = std::exchange(waiter->givenBus, false);
+      timedOut = !reads && woken == Waiter::Woken::kNo && !waiter->answered;
     }
-    // A turn to read that came with the answer, or too late, passes on.
-    if (!core_->leaderActive) handOverBus();
+    if (reads) releaseBus();
     if (!waiter->answered) {
       if (busFailed) {
         // Its handlers still learn the outcome, once the connection's thread
@@ -183,6 +186,7 @@ class Loop {
   // as its wait times out still finds it.
   struct Waiter {
     bool answered = false;  // guarded by busMutex: a handler of its call has run
+    bool givenBus = false;  // guarded by busMutex: handed the bus while asleep; it reads it next
 
     enum class Woken { kNo, kAnswered, kTurn };
 
@@ -217,13 +221,32 @@ class Loop {
     std::list<PendingCall>::iterator position;
   };
 
-  // Reads the bus on the calling thread until `waiter` is answered or
-  // `deadline` passes, then hands the bus on. Returns true when the bus
-  // failed under it.
-  bool readUntilAnswered(Waiter& waiter, std::chrono::steady_clock::time_point deadline,
-                         std::unique_lock<BusMutex>& lock) {
+  // A caller becomes the bus's reader.
+  void takeBus() {
     core_->leaderActive = true;
     ++core_->leaderTerms;
+  }
+
+  // The reader is done. Answers still awaited need a reader: the first
+  // waiting caller, to whom the bus passes at once so that no newcomer takes
+  // it meanwhile, or else the connection's thread, which may be asleep
+  // without the bus.
+  void releaseBus() {
+    if (!waiting_.empty()) {
+      waiting_.front()->givenBus = true;
+      ++core_->leaderTerms;
+      wakeups_.emplace_back(std::move(waiting_.front()), Waiter::Woken::kTurn);
+      waiting_.erase(waiting_.begin());
+      return;
+    }
+    core_->leaderActive = false;
+    if (core_->loopAwaitsReader || (!core_->loopWatchesBus && !pending_.empty())) core_->wake();
+  }
+
+  // Reads the bus on the calling thread, its reader, until `waiter` is
+  // answered or `deadline` passes. Returns true when the bus failed under it.
+  bool readUntilAnswered(Waiter& waiter, std::chrono::steady_clock::time_point deadline,
+                         std::unique_lock<BusMutex>& lock) {
     sd_bus* const bus = bus_;
     bool failed = false;
     while (!waiter.answered) {
@@ -251,27 +274,21 @@ class Loop {
       // call leaves pending_ only once its waiter is marked answered.
       if (bus_ != bus) break;
     }
-    core_->leaderActive = false;
-    handOverBus();
-    return failed;
-  }
-
-  // Answers still awaited need a reader: the next waiting caller, or else the
-  // connection's thread, which may be asleep without the bus.
-  void handOverBus() {
-    if (!waiting_.empty()) {
-      wakeups_.emplace_back(std::move(waiting_.front()), Waiter::Woken::kTurn);
-      waiting_.erase(waiting_.begin());
-    } else if (core_->loopAwaitsReader || (!core_->loopWatchesBus && !pending_.empty())) {
-      core_->wake();
+    // Answers that came in with this one go to their callers now, rather
+    // than each waiting for the bus to be handed to it.
+    if (waiter.answered && bus_ == bus) {
+      while (!waiting_.empty() && sd_bus_process(bus, nullptr) > 0) {
+      }
+      if (!deferred_.empty()) core_->wake();
     }
+    return failed;
   }
 
   void markAnswered(PendingCall& call) {
     if (call.waiter == nullptr) return;
     call.waiter->answered = true;
     const auto found = std::find(waiting_.begin(), waiting_.end(), call.waiter);
-    if (found == waiting_.end()) return;  // it reads the bus itself, or is awake already
+    if (found == waiting_.end()) return;  // it reads the bus, or is awake already
     wakeups_.emplace_back(std::move(*found), Waiter::Woken::kAnswered);
     waiting_.erase(found);
   }
