@@ -34,8 +34,9 @@ using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
 // one) and runs its event loop on "the connection's thread". Other threads
 // hand their requests over through a queue and wake the loop. Replies,
 // failures and the interruption and invalidation handlers run on that
-// thread; the one exception is callMethodAndWait(), whose caller may read
-// its own answer. sd-bus objects are used by one thread at a time.
+// thread. The one exception is callMethodAndWait(), whose caller sends its
+// request itself and may read its own answer. sd-bus objects are used by one
+// thread at a time, under a lock.
 //
 // Interruption: the service's name lost its owner, or the bus dropped.
 // Invalidation: the service cannot be reached (no owner and no activation,
