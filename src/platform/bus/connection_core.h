@@ -45,8 +45,6 @@ struct ExitFlush {
 };
 
 inline constexpr std::string_view kErrorDisconnected = "org.freedesktop.DBus.Error.Disconnected";
-inline constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
-inline constexpr std::string_view kErrorInconsistentMessage = "org.freedesktop.DBus.Error.InconsistentMessage";
 
 // Handlers are the host's code; nothing they throw may unwind through sd-bus.
 template <typename Fn, typename... Args>
@@ -112,7 +110,7 @@ struct NamedConnection::Core {
   BusKind bus = BusKind::kSystem;
   unsigned generation = detail::forkGeneration.load();
   int wakeFd = -1;        // wakes the connection's thread
-  int leaderWakeFd = -1;  // wakes the caller reading the bus, when its call fails early
+  int readerWakeFd = -1;  // wakes the caller reading the bus, when its call fails early
 
   std::function<void()> interruptionHandler;  // set before resume
   std::function<void()> invalidationHandler;  // set before resume
@@ -131,14 +129,14 @@ struct NamedConnection::Core {
   // Taken before `mutex` when both are needed.
   detail::BusMutex busMutex;
   detail::Loop* loop = nullptr;   // guarded by busMutex; set while the connection's thread runs
-  bool leaderActive = false;      // guarded by busMutex: a caller is reading the bus
-  std::uint64_t leaderTerms = 0;  // guarded by busMutex: how many times a caller began reading it
+  bool callerReads = false;       // guarded by busMutex: a caller is reading the bus
+  std::uint64_t readerTerms = 0;  // guarded by busMutex: how many times a caller began reading it
   bool loopWatchesBus = false;    // guarded by busMutex: the connection's thread sleeps on the bus too
   bool loopAwaitsReader = false;  // guarded by busMutex: it sleeps long, so the reading caller wakes it when done
 
   ~Core() {
     if (wakeFd >= 0) ::close(wakeFd);
-    if (leaderWakeFd >= 0) ::close(leaderWakeFd);
+    if (readerWakeFd >= 0) ::close(readerWakeFd);
   }
 
   static void signalFd(int fd) {

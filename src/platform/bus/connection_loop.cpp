@@ -21,7 +21,12 @@ namespace vela::bus::detail {
 
 thread_local const NamedConnection::Core* loopOfThisThread = nullptr;
 
+using Delivery = NamedConnection::Delivery;
+
 namespace {
+
+constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr std::string_view kErrorInconsistentMessage = "org.freedesktop.DBus.Error.InconsistentMessage";
 
 // How long a released connection keeps waiting for answers already on their
 // way; no synchronous caller waits longer than this.
@@ -121,8 +126,8 @@ class Loop {
     unlockAndWake(lock);
   }
 
-  Waited callAndWait(Request request, std::chrono::steady_clock::time_point deadline,
-                     std::unique_lock<BusMutex>& lock) {
+  Delivery callAndWait(Request request, std::chrono::steady_clock::time_point deadline,
+                       std::unique_lock<BusMutex>& lock) {
     auto waiter = std::make_shared<Waiter>();
     PendingCall* mine = nullptr;
     switch (start(request, CallKind::kAnswerAnywhere, waiter, &mine)) {
@@ -130,16 +135,16 @@ class Loop {
         // The connection's thread reports the loss and finds the request a new home.
         core_->post([&] { core_->requests.push_back(std::move(request)); });
         lock.unlock();
-        return Waited::kPending;
+        return Delivery::kPending;
       case Started::kFailed:
         lock.unlock();
-        return Waited::kPending;
+        return Delivery::kPending;
       case Started::kSent:
         break;
     }
     bool busFailed = false;
     bool timedOut = false;
-    bool reads = !core_->leaderActive;
+    bool reads = !core_->callerReads;
     if (reads) takeBus();
     while (!waiter->answered && !busFailed && !timedOut) {
       if (reads) {
@@ -154,7 +159,7 @@ class Loop {
       unlockAndWake(lock);
       const Waiter::Woken woken = waiter->sleepUntilWoken(deadline);
       // The reader has delivered the answer and forgotten this caller.
-      if (woken == Waiter::Woken::kAnswered) return Waited::kDelivered;
+      if (woken == Waiter::Woken::kAnswered) return Delivery::kDelivered;
       lock.lock();
       std::erase(waiting_, waiter);
       // A wake-up may cross the deadline: the bus may be this caller's now.
@@ -172,8 +177,8 @@ class Loop {
       }
     }
     unlockAndWake(lock);
-    if (waiter->answered) return Waited::kDelivered;
-    return busFailed ? Waited::kPending : Waited::kDeadlinePassed;
+    if (waiter->answered) return Delivery::kDelivered;
+    return busFailed ? Delivery::kPending : Delivery::kDeadlinePassed;
   }
 
  private:
@@ -223,8 +228,8 @@ class Loop {
 
   // A caller becomes the bus's reader.
   void takeBus() {
-    core_->leaderActive = true;
-    ++core_->leaderTerms;
+    core_->callerReads = true;
+    ++core_->readerTerms;
   }
 
   // The reader is done. Answers still awaited need a reader: the first
@@ -234,12 +239,12 @@ class Loop {
   void releaseBus() {
     if (!waiting_.empty()) {
       waiting_.front()->givenBus = true;
-      ++core_->leaderTerms;
+      ++core_->readerTerms;
       wakeups_.emplace_back(std::move(waiting_.front()), Waiter::Woken::kTurn);
       waiting_.erase(waiting_.begin());
       return;
     }
-    core_->leaderActive = false;
+    core_->callerReads = false;
     if (core_->loopAwaitsReader || (!core_->loopWatchesBus && !pending_.empty())) core_->wake();
   }
 
@@ -264,11 +269,11 @@ class Loop {
         break;
       }
       if (std::chrono::steady_clock::now() >= deadline) break;
-      std::array<pollfd, 2> fds{pollfd{fd, static_cast<short>(events), 0}, pollfd{core_->leaderWakeFd, POLLIN, 0}};
+      std::array<pollfd, 2> fds{pollfd{fd, static_cast<short>(events), 0}, pollfd{core_->readerWakeFd, POLLIN, 0}};
       const int timeout = pollTimeout(busTimeout, deadline);
       unlockAndWake(lock);
       (void)::poll(fds.data(), fds.size(), timeout);
-      if ((fds[1].revents & POLLIN) != 0) consumeWake(core_->leaderWakeFd);
+      if ((fds[1].revents & POLLIN) != 0) consumeWake(core_->readerWakeFd);
       lock.lock();
       // Closing the bus meanwhile failed every call on it, this one too: a
       // call leaves pending_ only once its waiter is marked answered.
@@ -346,7 +351,7 @@ class Loop {
   // Reads and dispatches all that has arrived, unless a caller is reading.
   void processBus() {
     runDeferred();
-    if (bus_ == nullptr || core_->leaderActive) return;
+    if (bus_ == nullptr || core_->callerReads) return;
     while (sd_bus_process(bus_, nullptr) > 0) {
     }
     runDeferred();
@@ -357,8 +362,8 @@ class Loop {
   // awaited: watching it then would wake this thread for each of their
   // answers, for nothing.
   bool watchesBus() {
-    const bool callersRead = core_->leaderTerms != seenLeaderTerms_;
-    seenLeaderTerms_ = core_->leaderTerms;
+    const bool callersRead = core_->readerTerms != seenReaderTerms_;
+    seenReaderTerms_ = core_->readerTerms;
     return !callersRead || !pending_.empty();
   }
 
@@ -377,9 +382,9 @@ class Loop {
     };
     if (!busUsable()) {
       // Nothing to watch: only requests and the grace period wake the loop.
-    } else if (core_->leaderActive) {
-      const bool sameReader = core_->leaderTerms == restTerm_;
-      restTerm_ = core_->leaderTerms;
+    } else if (core_->callerReads) {
+      const bool sameReader = core_->readerTerms == restTerm_;
+      restTerm_ = core_->readerTerms;
       restSpan_ = sameReader ? std::min(restSpan_ * 2, kBusRestLongest) : kBusRestLimit;
       core_->loopAwaitsReader = restSpan_ > kBusRestLimit;
       restFor(restSpan_);
@@ -530,7 +535,7 @@ class Loop {
   void nudgeIfUnwritten() {
     const int events = sd_bus_get_events(bus_);
     if (events < 0 || (events & POLLOUT) == 0) return;
-    NamedConnection::Core::signalFd(core_->leaderWakeFd);
+    NamedConnection::Core::signalFd(core_->readerWakeFd);
     core_->wake();
   }
 
@@ -716,7 +721,7 @@ class Loop {
       }
     }
     // A caller reading the bus learns that its call has just failed.
-    if (core_->leaderActive) NamedConnection::Core::signalFd(core_->leaderWakeFd);
+    if (core_->callerReads) NamedConnection::Core::signalFd(core_->readerWakeFd);
   }
 
   std::shared_ptr<NamedConnection::Core> core_;
@@ -733,7 +738,7 @@ class Loop {
   std::vector<std::function<void()>> deferred_;  // read by a caller, to run on the connection's thread
   std::vector<Request> spareRequests_;
   std::optional<std::chrono::steady_clock::time_point> graceDeadline_;
-  std::uint64_t seenLeaderTerms_ = 0;
+  std::uint64_t seenReaderTerms_ = 0;
   std::uint64_t restTerm_ = 0;  // the reader's term when the loop last rested for it
   std::chrono::milliseconds restSpan_ = kBusRestLimit;
   bool interrupted_ = false;
@@ -748,8 +753,8 @@ void runLoop(const std::shared_ptr<NamedConnection::Core>& core) {
   loop.run();
 }
 
-Waited callAndWait(Loop& loop, Request request, std::chrono::steady_clock::time_point deadline,
-                   std::unique_lock<BusMutex>& lock) {
+Delivery callAndWait(Loop& loop, Request request, std::chrono::steady_clock::time_point deadline,
+                     std::unique_lock<BusMutex>& lock) {
   return loop.callAndWait(std::move(request), deadline, lock);
 }
 

@@ -15,19 +15,12 @@ namespace vela::bus::detail {
 // handle lets go (and what is in flight is answered, or its grace is over).
 void runLoop(const std::shared_ptr<NamedConnection::Core>& core);
 
-// What a caller learns from callAndWait().
-enum class Waited {
-  kDelivered,       // a handler of the request has run
-  kPending,         // a handler runs later, on some thread: wait for it
-  kDeadlinePassed,  // no handler ran and none will
-};
-
 // Sends `request` from the calling thread, which holds busMutex through
 // `lock`, and, unless another caller is already reading the bus, reads it
 // until its own answer has been delivered or `deadline` passes. A caller that
 // finds a reader in place waits, without the bus, for that reader to deliver
 // its answer or to hand the bus over. Returns with `lock` released.
-Waited callAndWait(Loop& loop, Request request, std::chrono::steady_clock::time_point deadline,
-                   std::unique_lock<BusMutex>& lock);
+NamedConnection::Delivery callAndWait(Loop& loop, Request request, std::chrono::steady_clock::time_point deadline,
+                                      std::unique_lock<BusMutex>& lock);
 
 }  // namespace vela::bus::detail

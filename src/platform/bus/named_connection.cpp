@@ -41,7 +41,7 @@ std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName
   core->service = std::move(serviceName);
   core->bus = (options & kPrivilegedOption) != 0 ? BusKind::kSystem : BusKind::kSession;
   core->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  core->leaderWakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  core->readerWakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   return std::shared_ptr<NamedConnection>(new NamedConnection(std::move(core)));
 }
 
@@ -130,23 +130,16 @@ NamedConnection::Delivery NamedConnection::callMethodAndWait(std::string_view in
                                                              FailureHandler onFailure,
                                                              std::shared_ptr<const Reconnect> reconnect,
                                                              std::chrono::steady_clock::time_point deadline) {
-  const bool mayRead = belongsToThisProcess() && core_->wakeFd >= 0 && core_->leaderWakeFd >= 0 &&
+  const bool mayRead = belongsToThisProcess() && core_->wakeFd >= 0 && core_->readerWakeFd >= 0 &&
                        detail::loopOfThisThread != core_.get() && onReply;
   if (mayRead) {
     std::unique_lock busLock(core_->busMutex);
     // Work still queued for the connection's thread goes first, in order.
     if (core_->loop != nullptr && core_->queueEmpty()) {
-      switch (detail::callAndWait(*core_->loop,
-                                  detail::Request{interface, member, std::move(args), std::move(onReply),
-                                                  std::move(onFailure), std::move(reconnect)},
-                                  deadline, busLock)) {
-        case detail::Waited::kDelivered:
-          return Delivery::kDelivered;
-        case detail::Waited::kDeadlinePassed:
-          return Delivery::kDeadlinePassed;
-        case detail::Waited::kPending:
-          return Delivery::kPending;
-      }
+      return detail::callAndWait(*core_->loop,
+                                 detail::Request{interface, member, std::move(args), std::move(onReply),
+                                                 std::move(onFailure), std::move(reconnect)},
+                                 deadline, busLock);
     }
   }
   callMethod(interface, member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect));
