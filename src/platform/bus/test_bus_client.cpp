@@ -45,6 +45,15 @@ CallResult localFailure(int r) {
   return result;
 }
 
+// A method call to `member` of `target` in `request`; 0 or a negative errno.
+int newCall(sd_bus* bus, const MethodTarget& target, std::string_view member, MessagePtr* request) {
+  sd_bus_message* raw = nullptr;
+  const int r = sd_bus_message_new_method_call(bus, &raw, target.destination.c_str(), target.path.c_str(),
+                                               target.interface.c_str(), std::string(member).c_str());
+  request->reset(raw);
+  return r;
+}
+
 }  // namespace
 
 struct ClientCallbacks {
@@ -113,50 +122,40 @@ CallResult TestBusClient::finishCall(sd_bus_message* request, std::chrono::milli
   return result;
 }
 
-CallResult TestBusClient::call(const MethodTarget& target, std::string_view member, const VelaDictionary& args,
-                               std::chrono::milliseconds timeout) {
-  sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
-                                         target.interface.c_str(), std::string(member).c_str());
-  if (r < 0) return localFailure(r);
-  const MessagePtr request(raw);
-  r = appendDictionary(request.get(), args);
+CallResult TestBusClient::callWithBody(const MethodTarget& target, std::string_view member,
+                                       std::chrono::milliseconds timeout,
+                                       const std::function<int(sd_bus_message*)>& appendBody) {
+  MessagePtr request;
+  int r = newCall(bus_, target, member, &request);
+  if (r >= 0) r = appendBody(request.get());
   if (r < 0) return localFailure(r);
   return finishCall(request.get(), timeout);
+}
+
+CallResult TestBusClient::call(const MethodTarget& target, std::string_view member, const VelaDictionary& args,
+                               std::chrono::milliseconds timeout) {
+  return callWithBody(target, member, timeout, [&](sd_bus_message* m) { return appendDictionary(m, args); });
 }
 
 CallResult TestBusClient::callWithString(const MethodTarget& target, std::string_view member, std::string_view text,
                                          std::chrono::milliseconds timeout) {
-  sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
-                                         target.interface.c_str(), std::string(member).c_str());
-  if (r < 0) return localFailure(r);
-  const MessagePtr request(raw);
-  r = sd_bus_message_append_basic(request.get(), SD_BUS_TYPE_STRING, std::string(text).c_str());
-  if (r < 0) return localFailure(r);
-  return finishCall(request.get(), timeout);
+  return callWithBody(target, member, timeout, [&](sd_bus_message* m) {
+    return sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, std::string(text).c_str());
+  });
 }
 
 CallResult TestBusClient::callWithUnmappableValue(const MethodTarget& target, std::string_view member,
                                                   std::chrono::milliseconds timeout) {
-  sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
-                                         target.interface.c_str(), std::string(member).c_str());
-  if (r < 0) return localFailure(r);
-  const MessagePtr request(raw);
-  r = sd_bus_message_append(request.get(), "a{sv}", 1, "topic", "o", "/not/a/property/list/value");
-  if (r < 0) return localFailure(r);
-  return finishCall(request.get(), timeout);
+  return callWithBody(target, member, timeout, [](sd_bus_message* m) {
+    return sd_bus_message_append(m, "a{sv}", 1, "topic", "o", "/not/a/property/list/value");
+  });
 }
 
 std::uint64_t TestBusClient::sendWithoutReply(const MethodTarget& target, std::string_view member,
                                               const VelaDictionary& args) {
-  sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, target.destination.c_str(), target.path.c_str(),
-                                         target.interface.c_str(), std::string(member).c_str());
-  if (r < 0) return 0;
-  const MessagePtr request(raw);
-  r = sd_bus_message_set_expect_reply(request.get(), 0);
+  MessagePtr request;
+  int r = newCall(bus_, target, member, &request);
+  if (r >= 0) r = sd_bus_message_set_expect_reply(request.get(), 0);
   if (r >= 0) r = appendDictionary(request.get(), args);
   std::uint64_t cookie = 0;
   if (r >= 0) r = sd_bus_send(bus_, request.get(), &cookie);

@@ -122,6 +122,8 @@ class TestBusClient {
  private:
   TestBusClient() = default;
 
+  CallResult callWithBody(const MethodTarget& target, std::string_view member, std::chrono::milliseconds timeout,
+                          const std::function<int(sd_bus_message*)>& appendBody);
   CallResult finishCall(sd_bus_message* request, std::chrono::milliseconds timeout);
   int drain();
 
