@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "session/handset_wire.h"
 #include "handset_service.h"
 
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <memory>
 
 #include "log.h"
+#include "session/handset_wire.h"
 
 namespace vela::daemon {
 

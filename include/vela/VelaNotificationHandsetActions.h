@@ -49,12 +49,11 @@ class VelaNotificationHandsetActions {
   // Replies (user name, person identifier).
   virtual void getNimbusAccountUsingCallback(VelaTwoStringReply reply) = 0;
   virtual void enableLocusInContext(std::int32_t context, VelaErrorReply reply) = 0;
-  virtual void disableLocusUsingToken(std::optional<std::string> token, std::int32_t context,
-                                      VelaErrorReply reply) = 0;
+  virtual void disableLocusUsingToken(std::optional<std::string> token, std::int32_t context, VelaErrorReply reply) = 0;
   virtual void didEnterKithRegion(std::optional<std::string> regionIdentifier,
                                   std::shared_ptr<VelaGeoLocation> location, VelaErrorReply reply) = 0;
-  virtual void didExitKithRegion(std::optional<std::string> regionIdentifier,
-                                 std::shared_ptr<VelaGeoLocation> location, VelaErrorReply reply) = 0;
+  virtual void didExitKithRegion(std::optional<std::string> regionIdentifier, std::shared_ptr<VelaGeoLocation> location,
+                                 VelaErrorReply reply) = 0;
   virtual void addKithAccount(std::shared_ptr<VelaKithAccountInfo> account, VelaErrorReply reply) = 0;
   virtual void removeKithAccountWithUsername(std::optional<std::string> username, VelaErrorReply reply) = 0;
   virtual void retrieveKithAccountUsingCallback(VelaKithAccountReply reply) = 0;

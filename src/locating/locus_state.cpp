@@ -31,14 +31,17 @@ void VelaNotifySession::isLocusStateChangeInProgressWithCompletion(InProgressCom
 }
 
 std::optional<VelaError> VelaNotifySession::enableLocusInContext(std::int32_t context) {
-  return vela::session::callSynchronously(*this, "enableLocus", [&](auto& proxy, auto reply) {
-           proxy.enableLocusInContext(context, std::move(reply));
-         }).error;
+  return vela::session::callSynchronously(
+             *this, "enableLocus",
+             [&](auto& proxy, auto reply) { proxy.enableLocusInContext(context, std::move(reply)); })
+      .error;
 }
 
 std::optional<VelaError> VelaNotifySession::disableLocusUsingToken(std::optional<std::string> token,
                                                                    std::int32_t context) {
-  return vela::session::callSynchronously(*this, "disableLocus", [&](auto& proxy, auto reply) {
-           proxy.disableLocusUsingToken(std::move(token), context, std::move(reply));
-         }).error;
+  return vela::session::callSynchronously(*this, "disableLocus",
+                                          [&](auto& proxy, auto reply) {
+                                            proxy.disableLocusUsingToken(std::move(token), context, std::move(reply));
+                                          })
+      .error;
 }

@@ -34,12 +34,15 @@ inline constexpr std::string_view kDumpDebugInfo = "DumpDebugInfo";
 
 // Every member, in the interface's declared order.
 inline constexpr std::array kAllMembers = {
-    member::kEnableLostModeWithInfo, member::kDisableLostMode, member::kGetLocusState,
-    member::kGetKithDeviceId,        member::kGetLocusDeviceId, member::kGetStoreAccount,
-    member::kGetLocusAccount,        member::kGetNimbusAccount, member::kEnableLocusInContext,
-    member::kDisableLocusUsingToken, member::kDidEnterKithRegion, member::kDidExitKithRegion,
-    member::kAddKithAccount,         member::kRemoveKithAccountWithUsername, member::kRetrieveKithAccount,
-    member::kVetEmailAccount,        member::kCancelEmailVet, member::kStartListeningOnTopic,
+    member::kEnableLostModeWithInfo, member::kDisableLostMode,
+    member::kGetLocusState,          member::kGetKithDeviceId,
+    member::kGetLocusDeviceId,       member::kGetStoreAccount,
+    member::kGetLocusAccount,        member::kGetNimbusAccount,
+    member::kEnableLocusInContext,   member::kDisableLocusUsingToken,
+    member::kDidEnterKithRegion,     member::kDidExitKithRegion,
+    member::kAddKithAccount,         member::kRemoveKithAccountWithUsername,
+    member::kRetrieveKithAccount,    member::kVetEmailAccount,
+    member::kCancelEmailVet,         member::kStartListeningOnTopic,
     member::kStopListeningOnTopic,   member::kDumpDebugInfo,
 };
 

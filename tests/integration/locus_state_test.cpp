@@ -17,8 +17,9 @@ struct StateAnswer {
 
 StateAnswer readState(VelaNotifySession& session) {
   std::promise<StateAnswer> answer;
-  session.locusStateWithCompletion(
-      [&answer](std::int32_t state, std::optional<VelaError> error) { answer.set_value({state, std::move(error)}); });
+  session.locusStateWithCompletion([&answer](std::int32_t state, std::optional<VelaError> error) {
+    answer.set_value({state, std::move(error)});
+  });
   auto future = answer.get_future();
   EXPECT_EQ(future.wait_for(5s), std::future_status::ready);
   return future.get();
@@ -26,8 +27,9 @@ StateAnswer readState(VelaNotifySession& session) {
 
 std::pair<bool, std::optional<VelaError>> readInProgress(VelaNotifySession& session) {
   std::promise<std::pair<bool, std::optional<VelaError>>> answer;
-  session.isLocusStateChangeInProgressWithCompletion(
-      [&answer](bool inProgress, std::optional<VelaError> error) { answer.set_value({inProgress, std::move(error)}); });
+  session.isLocusStateChangeInProgressWithCompletion([&answer](bool inProgress, std::optional<VelaError> error) {
+    answer.set_value({inProgress, std::move(error)});
+  });
   auto future = answer.get_future();
   EXPECT_EQ(future.wait_for(5s), std::future_status::ready);
   return future.get();

@@ -78,10 +78,11 @@ INSTANTIATE_TEST_SUITE_P(
         UndecodableReply{"NumberForAString", {{"username", 5}, {"personID", "p1"}}},
         UndecodableReply{"ArrayForAString", {{"username", "u1"}, {"personID", VelaArray{"p1"}}}},
         UndecodableReply{"StringForTheError", {{"username", "u1"}, {"personID", "p1"}, {"error", "bad"}}},
-        UndecodableReply{"ErrorWithoutCode", {{"username", "u1"}, {"personID", "p1"},
-                                              {"error", VelaDictionary{{"domain", "d"}}}}},
-        UndecodableReply{"ErrorCodeAsString", {{"username", "u1"}, {"personID", "p1"},
-                                               {"error", VelaDictionary{{"domain", "d"}, {"code", "3"}}}}}),
+        UndecodableReply{"ErrorWithoutCode",
+                         {{"username", "u1"}, {"personID", "p1"}, {"error", VelaDictionary{{"domain", "d"}}}}},
+        UndecodableReply{
+            "ErrorCodeAsString",
+            {{"username", "u1"}, {"personID", "p1"}, {"error", VelaDictionary{{"domain", "d"}, {"code", "3"}}}}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ACallToVelad, TreatsAReplyOfTheWrongSignatureAsATransportFailure) {

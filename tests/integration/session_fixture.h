@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <memory>
 #include <optional>
+
+#include <gtest/gtest.h>
 
 #include <vela/VelaNotification.h>
 

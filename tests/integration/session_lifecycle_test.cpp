@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Making and destroying sessions; each test is a fresh process.
-#include <gtest/gtest.h>
-
 #include <future>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 #include <vela/VelaNotification.h>
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Property-list values through real D-Bus messages: what they decode back to
 // and how they are typed on the wire.
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
+
+#include <gtest/gtest.h>
 
 #include "platform/bus/codec_probe.h"
 #include "printers.h"

@@ -67,8 +67,7 @@ TEST_F(ARecordOnTheWire, ComesBackFromTheDaemonWithEveryFieldAndNilFields) {
 
 TEST_F(ARecordOnTheWire, CarriesLocationsAndLostModeRecords) {
   ASSERT_TRUE(control_->clearCallLog());
-  auto location = std::make_shared<VelaGeoLocation>(GeoCoordinate{48.5, -122.25}, 10, 5, -1, 90, 1.5,
-                                                    VelaDate{1.7e9});
+  auto location = std::make_shared<VelaGeoLocation>(GeoCoordinate{48.5, -122.25}, 10, 5, -1, 90, 1.5, VelaDate{1.7e9});
   auto lostMode = std::make_shared<VelaLostModeInfo>();
   lostMode->setLostModeEnabled(true);
   lostMode->setMessage("Please call");
@@ -120,13 +119,13 @@ TEST_P(ARefusedRecord, FailsTheWholeReplyWithoutACrash) {
 
 INSTANTIATE_TEST_SUITE_P(
     WrongClassOrType, ARefusedRecord,
-    ::testing::Values(
-        RefusedArchive{"OtherClass", VelaDictionary{{"$class", "VelaLostModeInfo"}, {"message", "m"}}},
-        RefusedArchive{"NoClass", VelaDictionary{{"username", "u"}}},
-        RefusedArchive{"NumberForAString", VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"dsid", 12}}},
-        RefusedArchive{"StringForTheStatus",
-                       VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"appAuthTokenStatus", "ok"}}},
-        RefusedArchive{"NotADictionary", VelaValue("VelaKithAccountInfo")}),
+    ::testing::Values(RefusedArchive{"OtherClass", VelaDictionary{{"$class", "VelaLostModeInfo"}, {"message", "m"}}},
+                      RefusedArchive{"NoClass", VelaDictionary{{"username", "u"}}},
+                      RefusedArchive{"NumberForAString",
+                                     VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"dsid", 12}}},
+                      RefusedArchive{"StringForTheStatus",
+                                     VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"appAuthTokenStatus", "ok"}}},
+                      RefusedArchive{"NotADictionary", VelaValue("VelaKithAccountInfo")}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

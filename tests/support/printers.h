@@ -11,6 +11,6 @@
 inline void PrintTo(const VelaValue& value, std::ostream* os) { *os << value.description(); }
 
 inline void PrintTo(const VelaError& error, std::ostream* os) {
-  *os << "VelaError(" << error.domain() << ", " << error.code() << ", "
-      << VelaValue(error.userInfo()).description() << ")";
+  *os << "VelaError(" << error.domain() << ", " << error.code() << ", " << VelaValue(error.userInfo()).description()
+      << ")";
 }

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "platform/bus/variant_codec.h"
 
-#include <systemd/sd-bus.h>
-
 #include <cstdint>
 #include <limits>
 #include <string_view>
 #include <type_traits>
+
+#include <systemd/sd-bus.h>
 
 namespace vela::bus {
 namespace {
@@ -18,15 +18,24 @@ constexpr int kMaxDepth = 48;
 // Signature of the variant that carries a value of each type.
 const char* variantSignature(const VelaValue& value) {
   switch (value.type()) {
-    case VelaValue::Type::kString: return "s";
-    case VelaValue::Type::kInteger: return "x";
-    case VelaValue::Type::kReal: return "d";
-    case VelaValue::Type::kBoolean: return "b";
-    case VelaValue::Type::kDate: return "(d)";
-    case VelaValue::Type::kData: return "ay";
-    case VelaValue::Type::kArray: return "av";
-    case VelaValue::Type::kDictionary: return "a{sv}";
-    case VelaValue::Type::kSet: return "(av)";
+    case VelaValue::Type::kString:
+      return "s";
+    case VelaValue::Type::kInteger:
+      return "x";
+    case VelaValue::Type::kReal:
+      return "d";
+    case VelaValue::Type::kBoolean:
+      return "b";
+    case VelaValue::Type::kDate:
+      return "(d)";
+    case VelaValue::Type::kData:
+      return "ay";
+    case VelaValue::Type::kArray:
+      return "av";
+    case VelaValue::Type::kDictionary:
+      return "a{sv}";
+    case VelaValue::Type::kSet:
+      return "(av)";
   }
   return "";
 }
@@ -164,12 +173,18 @@ class Reader {
         if (!b) return std::nullopt;
         return VelaValue(*b != 0);
       }
-      case SD_BUS_TYPE_BYTE: return integer<std::uint8_t>(type);
-      case SD_BUS_TYPE_INT16: return integer<std::int16_t>(type);
-      case SD_BUS_TYPE_UINT16: return integer<std::uint16_t>(type);
-      case SD_BUS_TYPE_INT32: return integer<std::int32_t>(type);
-      case SD_BUS_TYPE_UINT32: return integer<std::uint32_t>(type);
-      case SD_BUS_TYPE_INT64: return integer<std::int64_t>(type);
+      case SD_BUS_TYPE_BYTE:
+        return integer<std::uint8_t>(type);
+      case SD_BUS_TYPE_INT16:
+        return integer<std::int16_t>(type);
+      case SD_BUS_TYPE_UINT16:
+        return integer<std::uint16_t>(type);
+      case SD_BUS_TYPE_INT32:
+        return integer<std::int32_t>(type);
+      case SD_BUS_TYPE_UINT32:
+        return integer<std::uint32_t>(type);
+      case SD_BUS_TYPE_INT64:
+        return integer<std::int64_t>(type);
       case SD_BUS_TYPE_UINT64: {
         auto u = basic<std::uint64_t>(type);
         if (!u) return std::nullopt;
@@ -190,9 +205,12 @@ class Reader {
         if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
         return inner;
       }
-      case SD_BUS_TYPE_ARRAY: return array(contents, depth);
-      case SD_BUS_TYPE_STRUCT: return structure(contents, depth);
-      default: return fail("value of a type with no property-list meaning");
+      case SD_BUS_TYPE_ARRAY:
+        return array(contents, depth);
+      case SD_BUS_TYPE_STRUCT:
+        return structure(contents, depth);
+      default:
+        return fail("value of a type with no property-list meaning");
     }
   }
 
