@@ -31,6 +31,8 @@ class VELA_EXPORT GeoLocation {
   virtual ~GeoLocation() = default;
   GeoLocation(const GeoLocation&) = default;
   GeoLocation& operator=(const GeoLocation&) = default;
+  GeoLocation(GeoLocation&&) = default;
+  GeoLocation& operator=(GeoLocation&&) = default;
 
   GeoCoordinate coordinate() const noexcept { return coordinate_; }
   double altitude() const noexcept { return altitude_; }

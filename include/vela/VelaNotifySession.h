@@ -75,6 +75,8 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   ~VelaNotifySession();
   VelaNotifySession(const VelaNotifySession&) = delete;
   VelaNotifySession& operator=(const VelaNotifySession&) = delete;
+  VelaNotifySession(VelaNotifySession&&) = delete;
+  VelaNotifySession& operator=(VelaNotifySession&&) = delete;
 
   // The live connection, made first if there is none (creation is serialised
   // process-wide, so racing threads make one). Never nullptr: a connection
@@ -91,7 +93,7 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
 
   // Observers of the vetting notifications; they run on the main thread and
   // queue the delegate's call there. A finish also stops the listening.
-  void _vetResultReceived(const vela::notify::Notification& notification);
+  void _vetResultReceived(const vela::notify::Notification& notification) const;
   void _vetFinished(const vela::notify::Notification& notification);
 
   // An error in the library's domain with `message` as its failure reason.

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <vela/VelaError.h>
 #include <vela/VelaExport.h>
@@ -18,7 +19,7 @@ class VelaNotifySession;
 // One value for the whole process, last writer wins: read it right after a
 // call, on a thread that has no other call in flight. Relaxed atomic, so that
 // concurrent use is merely meaningless, never undefined.
-extern VELA_EXPORT std::atomic<std::intptr_t> velaLastOperationResult;
+extern VELA_EXPORT std::atomic<std::intptr_t> velaLastOperationResult;  // NOLINT(*-avoid-non-const-global-variables)
 
 // Handler a proxy runs when its request cannot be carried.
 using VelaProxyErrorHandler = std::function<void(const VelaError& error)>;
@@ -41,7 +42,7 @@ VELA_EXPORT void __VELA_SIGNAL_SYNC(const std::shared_ptr<VelaSemaphore>& semaph
 // set). The label only names the operation. Returns nullptr for a null
 // session. Thread: any.
 VELA_EXPORT std::shared_ptr<VelaNotificationHandsetActions> __VELA_LINK_OBJ(
-    const std::shared_ptr<VelaNotifySession>& session, std::shared_ptr<VelaSemaphore> semaphore, std::string label,
+    const std::shared_ptr<VelaNotifySession>& session, std::shared_ptr<VelaSemaphore> semaphore, std::string_view label,
     VelaProxyErrorHandler innerHandler);
 
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -73,7 +73,7 @@ std::optional<VelaError> VelaNotifySession::cancelEmailVet() {
       .error;
 }
 
-void VelaNotifySession::_vetResultReceived(const Notification& notification) {
+void VelaNotifySession::_vetResultReceived(const Notification& notification) const {
   auto receiver = delegate();
   if (!receiver) return;
   std::optional<VelaValue> results;

@@ -23,7 +23,7 @@ void VelaNotifySession::locusStateWithCompletion(LocusStateCompletion completion
 }
 
 void VelaNotifySession::isLocusStateChangeInProgressWithCompletion(InProgressCompletion completion) {
-  locusStateWithCompletion([completion](std::int32_t state, std::optional<VelaError> error) {
+  locusStateWithCompletion([completion = std::move(completion)](std::int32_t state, std::optional<VelaError> error) {
     if (!completion) return;
     const bool inProgress = !error && !isSettled(state);
     completion(inProgress, std::move(error));

@@ -6,8 +6,8 @@ namespace {
 
 // Names that share a value share its characters too, so a reader comparing
 // addresses sees one string, not two equal ones.
-constexpr char kAppIdText[] = "com.zentrex.VelaNotification";
-constexpr char kTopicUriText[] = "vela.notify.topic";
+constexpr std::string_view kAppIdText = "com.zentrex.VelaNotification";
+constexpr std::string_view kTopicUriText = "vela.notify.topic";
 
 }  // namespace
 }  // namespace vela::records
@@ -49,12 +49,14 @@ constinit const std::string_view kErrorMsgKey = "vela.notify.errorMsg";
 constinit const std::string_view kConnectJIDKey = "vela.notify.jid";
 constinit const std::string_view kVelaLaunchableExecArgsKey = "AppArgs";
 
+// NOLINTBEGIN(cppcoreguidelines-avoid-non-const-global-variables): assignable by design
 constinit std::string_view kVelaNotification_App_ID = vela::records::kAppIdText;
 constinit std::string_view kVelaNotification_Pref_Domain = vela::records::kAppIdText;
 constinit std::string_view kVelaNotification_NotBackedUp_Pref_Domain = "com.zentrex.VelaNotification.notbackedup";
 constinit std::string_view kVelaNotification_Public_NotBackedUp_Pref_Domain =
     "com.zentrex.VelaNotification.public.notbackedup";
 constinit std::string_view kVelaNotification_PostWipe_Pref_Domain = "com.zentrex.VelaNotification.postwipe";
+// NOLINTEND(cppcoreguidelines-avoid-non-const-global-variables)
 
 constinit const std::string_view kWardenEnabledPrefDomain = "com.zentrex.Warden";
 constinit const std::string_view kWardenEnabledPrefKey = "WardenEnabled";
@@ -70,8 +72,10 @@ constinit const std::string_view kLostModeTrackingIsActiveKey = "vela.lostModeTr
 constinit const std::string_view kLostModeScreenTextKey = "vela.lockScreenText";
 constinit const std::string_view kLostModeScreenOwnerNumKey = "vela.loclScreenOwnerNum";
 
+// NOLINTBEGIN(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays): plain C strings by design
 const char kWardenAuthRight[] = "com.zentrex.VelaNotification.Warden.modify";
 const char kWardenRemoveAuthRight[] = "com.zentrex.VelaNotification.Warden.remove";
+// NOLINTEND(cppcoreguidelines-avoid-c-arrays,modernize-avoid-c-arrays)
 
 // Four separate bodies, not one shared function: each name must stay its own
 // symbol for callers that resolve them at run time.

@@ -13,9 +13,9 @@ constexpr std::string_view kPhoneNumberKey = "phoneNumber";
 
 // A number's truth: any non-zero value, whatever its numeric type.
 bool truthOf(const VelaValue& number) {
-  if (const bool* b = number.getIf<bool>()) return *b;
-  if (const std::int64_t* i = number.getIf<std::int64_t>()) return *i != 0;
-  if (const double* d = number.getIf<double>()) return *d != 0.0;
+  if (const auto* b = number.getIf<bool>()) return *b;
+  if (const auto* i = number.getIf<std::int64_t>()) return *i != 0;
+  if (const auto* d = number.getIf<double>()) return *d != 0.0;
   return false;
 }
 

@@ -16,7 +16,7 @@ struct QueueHolder {
 // Never destroyed: sessions may still create connections while the process
 // runs its exit handlers.
 QueueHolder& holder() {
-  static auto* instance = new QueueHolder();  // NOLINT(cppcoreguidelines-owning-memory)
+  static auto* const instance = new QueueHolder();  // NOLINT(*-owning-memory,*-avoid-non-const-global-variables)
   return *instance;
 }
 

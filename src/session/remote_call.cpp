@@ -3,15 +3,14 @@
 
 #include <chrono>
 
-std::atomic<std::intptr_t> velaLastOperationResult{0};
+std::atomic<std::intptr_t> velaLastOperationResult{0};  // NOLINT(*-avoid-non-const-global-variables)
 
 namespace vela::session {
 
 HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore,
                               std::string_view label, VelaProxyErrorHandler inner) {
-  return HandsetActionsProxy(session.currentLinkConnection(),
-                             standardErrorHandler(label, std::move(inner), std::move(semaphore)),
-                             SessionInternals::reconnect(session));
+  return {session.currentLinkConnection(), standardErrorHandler(label, std::move(inner), std::move(semaphore)),
+          SessionInternals::reconnect(session)};
 }
 
 }  // namespace vela::session
@@ -28,7 +27,8 @@ void __VELA_SIGNAL_SYNC(const std::shared_ptr<VelaSemaphore>& semaphore) {
 
 std::shared_ptr<VelaNotificationHandsetActions> __VELA_LINK_OBJ(const std::shared_ptr<VelaNotifySession>& session,
                                                                 std::shared_ptr<VelaSemaphore> semaphore,
-                                                                std::string label, VelaProxyErrorHandler innerHandler) {
+                                                                std::string_view label,
+                                                                VelaProxyErrorHandler innerHandler) {
   if (!session) return nullptr;
   return std::make_shared<vela::session::HandsetActionsProxy>(
       vela::session::linkProxy(*session, std::move(semaphore), label, std::move(innerHandler)));

@@ -87,11 +87,51 @@ std::optional<VelaValue> fromJsonText(const std::string& text, std::string* whyN
   return fromJson(json, whyNot);
 }
 
+namespace {
+
+std::optional<VelaValue> refuse(std::string* whyNot, const std::string& why) {
+  if (whyNot != nullptr) *whyNot = why;
+  return std::nullopt;
+}
+
+std::optional<VelaValue> fromJsonArray(const nlohmann::json& json, std::string* whyNot) {
+  VelaArray items;
+  for (const auto& item : json) {
+    auto value = fromJson(item, whyNot);
+    if (!value) return std::nullopt;
+    items.push_back(std::move(*value));
+  }
+  return VelaValue(std::move(items));
+}
+
+// An object of one "$date", "$data" or "$set" member stands for that kind of
+// value; any other object is a dictionary.
+std::optional<VelaValue> fromJsonObject(const nlohmann::json& json, std::string* whyNot) {
+  if (json.size() == 1 && json.contains("$date") && json["$date"].is_number()) {
+    return VelaValue(VelaDate{json["$date"].get<double>()});
+  }
+  if (json.size() == 1 && json.contains("$data") && json["$data"].is_string()) {
+    auto data = decodeBase64(json["$data"].get<std::string>());
+    if (!data) return refuse(whyNot, "\"$data\" is not base64");
+    return VelaValue(std::move(*data));
+  }
+  if (json.size() == 1 && json.contains("$set") && json["$set"].is_array()) {
+    auto members = fromJsonArray(json["$set"], whyNot);
+    if (!members) return std::nullopt;
+    return VelaValue(VelaSet{*members->asArray()});
+  }
+  VelaDictionary dict;
+  for (const auto& [key, item] : json.items()) {
+    auto value = fromJson(item, whyNot);
+    if (!value) return std::nullopt;
+    dict.insert_or_assign(key, std::move(*value));
+  }
+  return VelaValue(std::move(dict));
+}
+
+}  // namespace
+
 std::optional<VelaValue> fromJson(const nlohmann::json& json, std::string* whyNot) {
-  auto refuse = [whyNot](const std::string& why) -> std::optional<VelaValue> {
-    if (whyNot != nullptr) *whyNot = why;
-    return std::nullopt;
-  };
   switch (json.type()) {
     case nlohmann::json::value_t::string:
       return VelaValue(json.get<std::string>());
@@ -101,44 +141,17 @@ std::optional<VelaValue> fromJson(const nlohmann::json& json, std::string* whyNo
       return VelaValue(json.get<std::int64_t>());
     case nlohmann::json::value_t::number_unsigned: {
       const auto u = json.get<std::uint64_t>();
-      if (u > static_cast<std::uint64_t>(INT64_MAX)) return refuse("integer out of range");
+      if (u > static_cast<std::uint64_t>(INT64_MAX)) return refuse(whyNot, "integer out of range");
       return VelaValue(static_cast<std::int64_t>(u));
     }
     case nlohmann::json::value_t::number_float:
       return VelaValue(json.get<double>());
-    case nlohmann::json::value_t::array: {
-      VelaArray items;
-      for (const auto& item : json) {
-        auto value = fromJson(item, whyNot);
-        if (!value) return std::nullopt;
-        items.push_back(std::move(*value));
-      }
-      return VelaValue(std::move(items));
-    }
-    case nlohmann::json::value_t::object: {
-      if (json.size() == 1 && json.contains("$date") && json["$date"].is_number()) {
-        return VelaValue(VelaDate{json["$date"].get<double>()});
-      }
-      if (json.size() == 1 && json.contains("$data") && json["$data"].is_string()) {
-        auto data = decodeBase64(json["$data"].get<std::string>());
-        if (!data) return refuse("\"$data\" is not base64");
-        return VelaValue(std::move(*data));
-      }
-      if (json.size() == 1 && json.contains("$set") && json["$set"].is_array()) {
-        auto members = fromJson(json["$set"], whyNot);
-        if (!members) return std::nullopt;
-        return VelaValue(VelaSet{*members->asArray()});
-      }
-      VelaDictionary dict;
-      for (const auto& [key, item] : json.items()) {
-        auto value = fromJson(item, whyNot);
-        if (!value) return std::nullopt;
-        dict.insert_or_assign(key, std::move(*value));
-      }
-      return VelaValue(std::move(dict));
-    }
+    case nlohmann::json::value_t::array:
+      return fromJsonArray(json, whyNot);
+    case nlohmann::json::value_t::object:
+      return fromJsonObject(json, whyNot);
     default:
-      return refuse("null and binary values have no property-list meaning");
+      return refuse(whyNot, "null and binary values have no property-list meaning");
   }
 }
 

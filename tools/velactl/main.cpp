@@ -34,9 +34,7 @@ int report(const velactl::Outcome& outcome, bool json) {
   return outcome.error || lastResult != 0 ? 1 : 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app{"velactl: talk to the device-locating daemon through the VelaNotification library"};
   bool json = false;
   app.add_flag("--json", json, "Print exactly one JSON object: {result, error, velaLastOperationResult}");
@@ -54,4 +52,16 @@ int main(int argc, char** argv) {
   int status = report(outcome, json);
   if (outcome.then && !outcome.then(json)) status = 1;
   return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    // The library reports failures as values; what lands here is the tool's own (out of memory).
+    std::cerr << "velactl: " << e.what() << '\n';
+    return 1;
+  }
 }

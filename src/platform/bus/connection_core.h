@@ -24,7 +24,7 @@ namespace detail {
 
 // Bumped in the child after every fork(): cheaper than asking getpid() on
 // each call, and it tells a connection made before the fork from one made after.
-extern std::atomic<unsigned> forkGeneration;
+extern std::atomic<unsigned> forkGeneration;  // NOLINT(*-avoid-non-const-global-variables)
 
 // Starts counting; called before the first connection is made.
 void countForks();
@@ -85,6 +85,8 @@ class BusMutex {
   ~BusMutex() { pthread_mutex_destroy(&mutex_); }
   BusMutex(const BusMutex&) = delete;
   BusMutex& operator=(const BusMutex&) = delete;
+  BusMutex(BusMutex&&) = delete;
+  BusMutex& operator=(BusMutex&&) = delete;
 
   void lock() { pthread_mutex_lock(&mutex_); }
   void unlock() { pthread_mutex_unlock(&mutex_); }
@@ -98,7 +100,7 @@ class Loop;
 // The connection whose loop runs on this thread, if any: exit() called from
 // one of its handlers must not wait for that very loop, and a synchronous
 // call made there must not try to read the bus the loop is reading.
-extern thread_local const NamedConnection::Core* loopOfThisThread;
+extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-avoid-non-const-global-variables)
 
 }  // namespace detail
 
@@ -134,6 +136,11 @@ struct NamedConnection::Core {
   bool loopWatchesBus = false;    // guarded by busMutex: the connection's thread sleeps on the bus too
   bool loopAwaitsReader = false;  // guarded by busMutex: it sleeps long, so the reading caller wakes it when done
 
+  Core() = default;
+  Core(const Core&) = delete;
+  Core& operator=(const Core&) = delete;
+  Core(Core&&) = delete;
+  Core& operator=(Core&&) = delete;
   ~Core() {
     if (wakeFd >= 0) ::close(wakeFd);
     if (readerWakeFd >= 0) ::close(readerWakeFd);
@@ -143,7 +150,8 @@ struct NamedConnection::Core {
     const std::uint64_t one = 1;
     // The counter only saturates after 2^64 wakes; a failed write leaves an
     // already pending wake-up in place.
-    (void)!::write(fd, &one, sizeof one);
+    const ssize_t written = ::write(fd, &one, sizeof one);
+    (void)written;
   }
 
   void wake() const { signalFd(wakeFd); }

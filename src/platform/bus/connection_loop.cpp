@@ -19,7 +19,7 @@
 
 namespace vela::bus::detail {
 
-thread_local const NamedConnection::Core* loopOfThisThread = nullptr;
+thread_local const NamedConnection::Core* loopOfThisThread = nullptr;  // NOLINT(*-avoid-non-const-global-variables)
 
 using Delivery = NamedConnection::Delivery;
 
@@ -48,7 +48,8 @@ bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r =
 
 void consumeWake(int fd) {
   std::uint64_t count = 0;
-  (void)!::read(fd, &count, sizeof count);
+  const ssize_t got = ::read(fd, &count, sizeof count);
+  (void)got;
 }
 
 // Milliseconds for poll() until the earlier of an sd-bus time-out (absolute,
@@ -109,6 +110,9 @@ class Loop {
   explicit Loop(std::shared_ptr<NamedConnection::Core> core) : core_(std::move(core)) {}
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
+  Loop(Loop&&) = delete;
+  Loop& operator=(Loop&&) = delete;
+  ~Loop() = default;
 
   void run() {
     std::unique_lock lock(core_->busMutex);
@@ -149,7 +153,6 @@ class Loop {
     while (!waiter->answered && !busFailed && !timedOut) {
       if (reads) {
         busFailed = readUntilAnswered(*waiter, deadline, lock);
-        timedOut = !waiter->answered && !busFailed;
         break;
       }
       // Another caller reads the bus: wait, without holding the bus, for it
@@ -269,7 +272,8 @@ class Loop {
         break;
       }
       if (std::chrono::steady_clock::now() >= deadline) break;
-      std::array<pollfd, 2> fds{pollfd{fd, static_cast<short>(events), 0}, pollfd{core_->readerWakeFd, POLLIN, 0}};
+      std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
+                                pollfd{core_->readerWakeFd, POLLIN, 0}};
       const int timeout = pollTimeout(busTimeout, deadline);
       unlockAndWake(lock);
       (void)::poll(fds.data(), fds.size(), timeout);
@@ -279,14 +283,16 @@ class Loop {
       // call leaves pending_ only once its waiter is marked answered.
       if (bus_ != bus) break;
     }
-    // Answers that came in with this one go to their callers now, rather
-    // than each waiting for the bus to be handed to it.
-    if (waiter.answered && bus_ == bus) {
-      while (!waiting_.empty() && sd_bus_process(bus, nullptr) > 0) {
-      }
-      if (!deferred_.empty()) core_->wake();
-    }
+    if (waiter.answered && bus_ == bus) deliverWaitingAnswers(bus);
     return failed;
+  }
+
+  // Answers that came in with the reader's own go to their callers now,
+  // rather than each waiting for the bus to be handed to it.
+  void deliverWaitingAnswers(sd_bus* bus) {
+    while (!waiting_.empty() && sd_bus_process(bus, nullptr) > 0) {
+    }
+    if (!deferred_.empty()) core_->wake();
   }
 
   void markAnswered(PendingCall& call) {
@@ -394,7 +400,7 @@ class Loop {
       const int events = sd_bus_get_events(bus_);
       const int fd = sd_bus_get_fd(bus_);
       if (events >= 0 && fd >= 0 && sd_bus_get_timeout(bus_, &busTimeout) >= 0) {
-        fds[1] = pollfd{fd, static_cast<short>(events), 0};
+        fds[1] = pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0};
       }
     }
     core_->loopWatchesBus = fds[1].fd >= 0;

@@ -17,7 +17,7 @@ namespace detail {
 
 // Bumped in the child after every fork(): cheaper than asking getpid() on
 // each call, and it tells a connection made before the fork from one made after.
-std::atomic<unsigned> forkGeneration{0};
+std::atomic<unsigned> forkGeneration{0};  // NOLINT(*-avoid-non-const-global-variables)
 
 void countForks() {
   static std::once_flag once;
@@ -32,7 +32,7 @@ using detail::kErrorDisconnected;
 VelaError transportError(std::string_view name, int errnoCode, std::string_view message) {
   VelaDictionary userInfo;
   if (!message.empty()) userInfo.emplace(kVelaErrorFailureReasonKey, std::string(message));
-  return VelaError(std::string(name.empty() ? kErrorDisconnected : name), errnoCode, std::move(userInfo));
+  return {std::string(name.empty() ? kErrorDisconnected : name), errnoCode, std::move(userInfo)};
 }
 
 std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {

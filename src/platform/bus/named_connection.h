@@ -58,6 +58,8 @@ class NamedConnection {
   ~NamedConnection();
   NamedConnection(const NamedConnection&) = delete;
   NamedConnection& operator=(const NamedConnection&) = delete;
+  NamedConnection(NamedConnection&&) = delete;
+  NamedConnection& operator=(NamedConnection&&) = delete;
 
   // Set both before resume(). Each runs at most once, on the connection's thread.
   void setInterruptionHandler(std::function<void()> handler);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/bus/variant_codec.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <string_view>
@@ -47,10 +48,7 @@ bool fitsInt32(const VelaValue& value) {
 }
 
 bool isInt32Key(std::string_view key, const WireHints& hints) {
-  for (std::string_view candidate : hints.int32Keys) {
-    if (candidate == key) return true;
-  }
-  return false;
+  return std::ranges::find(hints.int32Keys, key) != hints.int32Keys.end();
 }
 
 int appendInt32Variant(sd_bus_message* m, std::int32_t value) {
@@ -68,15 +66,33 @@ int appendVariantArray(sd_bus_message* m, const VelaArray& items, const WireHint
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
+int appendString(sd_bus_message* m, const std::string& text) {
+  // sd-bus refuses invalid UTF-8; an embedded NUL would silently cut the
+  // string, so refuse that here.
+  if (text.find('\0') != std::string::npos) return -EINVAL;
+  return sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, text.c_str());
+}
+
+// A date travels as the struct (d), which no plain real can be mistaken for.
+int appendDate(sd_bus_message* m, VelaDate date) {
+  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "d");
+  if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &date.secondsSince1970);
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
+// A set travels as the struct (av), which no plain array can be mistaken for.
+int appendSet(sd_bus_message* m, const VelaSet& set, const WireHints& hints) {
+  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "av");
+  if (r >= 0) r = appendVariantArray(m, set.members, hints);
+  return r < 0 ? r : sd_bus_message_close_container(m);
+}
+
 int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& hints) {
   return std::visit(
       [m, &hints](const auto& v) -> int {
         using T = std::decay_t<decltype(v)>;
         if constexpr (std::is_same_v<T, std::string>) {
-          // sd-bus refuses invalid UTF-8; an embedded NUL would silently cut
-          // the string, so refuse that here.
-          if (v.find('\0') != std::string::npos) return -EINVAL;
-          return sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, v.c_str());
+          return appendString(m, v);
         } else if constexpr (std::is_same_v<T, std::int64_t>) {
           return sd_bus_message_append_basic(m, SD_BUS_TYPE_INT64, &v);
         } else if constexpr (std::is_same_v<T, double>) {
@@ -85,9 +101,7 @@ int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& h
           const int b = v ? 1 : 0;
           return sd_bus_message_append_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
         } else if constexpr (std::is_same_v<T, VelaDate>) {
-          int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "d");
-          if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_DOUBLE, &v.secondsSince1970);
-          return r < 0 ? r : sd_bus_message_close_container(m);
+          return appendDate(m, v);
         } else if constexpr (std::is_same_v<T, VelaData>) {
           return sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, v.data(), v.size());
         } else if constexpr (std::is_same_v<T, VelaArray>) {
@@ -96,9 +110,7 @@ int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& h
           return appendDictionary(m, v, hints);
         } else {
           static_assert(std::is_same_v<T, VelaSet>);
-          int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "av");
-          if (r >= 0) r = appendVariantArray(m, v.members, hints);
-          return r < 0 ? r : sd_bus_message_close_container(m);
+          return appendSet(m, v, hints);
         }
       },
       value.storage());
@@ -218,7 +230,7 @@ class Reader {
   std::optional<VelaValue> integer(char type) {
     auto v = basic<T>(type);
     if (!v) return std::nullopt;
-    return VelaValue(static_cast<std::int64_t>(*v));
+    return VelaValue{static_cast<std::int64_t>(*v)};
   }
 
   std::optional<VelaValue> array(const char* contents, int depth) {

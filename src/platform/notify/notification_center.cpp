@@ -27,7 +27,7 @@ struct NotificationCenter::Registration {
 NotificationCenter& NotificationCenter::defaultCenter() {
   // Never destroyed, so that observers may still be removed from static
   // destructors.
-  static auto* const center = new NotificationCenter();  // NOLINT(cppcoreguidelines-owning-memory)
+  static auto* const center = new NotificationCenter();  // NOLINT(*-owning-memory,*-avoid-non-const-global-variables)
   return *center;
 }
 

@@ -57,6 +57,9 @@ class NotificationCenter {
   NotificationCenter() = default;
   NotificationCenter(const NotificationCenter&) = delete;
   NotificationCenter& operator=(const NotificationCenter&) = delete;
+  NotificationCenter(NotificationCenter&&) = delete;
+  NotificationCenter& operator=(NotificationCenter&&) = delete;
+  ~NotificationCenter() = default;
 
   // Adds one registration: `handler` runs for every notification posted with
   // this name whose sender is `sender` (nullptr: any sender). Registrations

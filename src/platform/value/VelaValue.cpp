@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include <array>
 #include <charconv>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -18,9 +20,9 @@ constexpr double kEarliestPrintableDate = -62135596800.0;
 constexpr double kLatestPrintableDate = 253402300799.0;
 
 void appendReal(std::string& out, double d) {
-  char buf[32];
-  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d);
-  std::string_view text(buf, ec == std::errc() ? static_cast<std::size_t>(end - buf) : 0);
+  std::array<char, 32> buf{};
+  auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), d);
+  std::string_view text(buf.data(), ec == std::errc() ? static_cast<std::size_t>(end - buf.data()) : 0);
   out += text;
   // A whole real would otherwise read exactly like an integer.
   if (std::isfinite(d) && text.find_first_of(".e") == std::string_view::npos) out += ".0";
@@ -34,25 +36,31 @@ void appendDate(std::string& out, VelaDate date) {
     out += ')';
     return;
   }
-  const long long ms = std::llround(s * 1000.0);
-  long long whole = ms / 1000;
-  long long frac = ms % 1000;
+  const std::int64_t ms = std::llround(s * 1000.0);
+  std::int64_t whole = ms / 1000;
+  std::int64_t frac = ms % 1000;
   if (frac < 0) {  // floor, not truncation, so that times before 1970 keep a positive fraction
     frac += 1000;
     --whole;
   }
-  const std::time_t t = static_cast<std::time_t>(whole);
+  const auto t = static_cast<std::time_t>(whole);
   std::tm tm{};
   gmtime_r(&t, &tm);
-  char buf[40];
-  int n = std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                        tm.tm_hour, tm.tm_min, tm.tm_sec);
-  out.append(buf, static_cast<std::size_t>(n));
+  std::array<char, 40> buf{};
+  int n = std::snprintf(buf.data(), buf.size(), "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1,
+                        tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  out.append(buf.data(), static_cast<std::size_t>(n));
   if (frac != 0) {
-    n = std::snprintf(buf, sizeof buf, ".%03lld", frac);
-    out.append(buf, static_cast<std::size_t>(n));
+    n = std::snprintf(buf.data(), buf.size(), ".%03" PRId64, frac);
+    out.append(buf.data(), static_cast<std::size_t>(n));
   }
   out += 'Z';
+}
+
+void appendHex(std::string& out, std::uint8_t byte) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  out += kHexDigits[byte >> 4];
+  out += kHexDigits[byte & 0xf];
 }
 
 void appendQuoted(std::string& out, std::string_view s) {
@@ -76,9 +84,8 @@ void appendQuoted(std::string& out, std::string_view s) {
         break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-          out += buf;
+          out += "\\x";
+          appendHex(out, static_cast<std::uint8_t>(c));
         } else {
           out += c;
         }
@@ -88,6 +95,25 @@ void appendQuoted(std::string& out, std::string_view s) {
 }
 
 void appendValue(std::string& out, const VelaValue& value, bool nested);
+
+void appendData(std::string& out, const VelaData& data) {
+  out += "h'";
+  for (std::uint8_t byte : data) appendHex(out, byte);
+  out += '\'';
+}
+
+void appendEntries(std::string& out, const VelaDictionary& entries) {
+  out += '{';
+  bool first = true;
+  for (const auto& [key, member] : entries) {
+    if (!first) out += ", ";
+    first = false;
+    appendQuoted(out, key);
+    out += ": ";
+    appendValue(out, member, true);
+  }
+  out += '}';
+}
 
 void appendList(std::string& out, const VelaArray& members) {
   out += '[';
@@ -120,26 +146,11 @@ void appendValue(std::string& out, const VelaValue& value, bool nested) {
         } else if constexpr (std::is_same_v<T, VelaDate>) {
           appendDate(out, v);
         } else if constexpr (std::is_same_v<T, VelaData>) {
-          static constexpr char kHex[] = "0123456789abcdef";
-          out += "h'";
-          for (std::uint8_t byte : v) {
-            out += kHex[byte >> 4];
-            out += kHex[byte & 0xf];
-          }
-          out += '\'';
+          appendData(out, v);
         } else if constexpr (std::is_same_v<T, VelaArray>) {
           appendList(out, v);
         } else if constexpr (std::is_same_v<T, VelaDictionary>) {
-          out += '{';
-          bool first = true;
-          for (const auto& [key, member] : v) {
-            if (!first) out += ", ";
-            first = false;
-            appendQuoted(out, key);
-            out += ": ";
-            appendValue(out, member, true);
-          }
-          out += '}';
+          appendEntries(out, v);
         } else {
           static_assert(std::is_same_v<T, VelaSet>);
           out += "set";
