@@ -47,7 +47,13 @@ class Pipe {
   int fds_[2] = {-1, -1};
 };
 
-std::string keyFor(int writer, int index) { return "w" + std::to_string(writer) + ".k" + std::to_string(index); }
+std::string keyFor(int writer, int index) {
+  std::string key(1, 'w');
+  key += std::to_string(writer);
+  key += ".k";
+  key += std::to_string(index);
+  return key;
+}
 
 class SeveralWriters : public FreshPreferences {};
 

@@ -24,7 +24,8 @@ inline constexpr unsigned kPrivilegedOption = 0x1000;
 inline constexpr std::string_view kNotificationSignal = "Notification";
 
 inline std::string notificationCenterPath(std::string_view center) {
-  std::string path = "/" + std::string(center);
+  std::string path(1, '/');
+  path += center;
   std::replace(path.begin(), path.end(), '.', '/');
   return path;
 }

@@ -245,7 +245,8 @@ class Reader {
     if (!element.empty() && element.front() == '{') {
       auto dict = dictionary(depth);
       if (!dict) return std::nullopt;
-      return VelaValue(std::move(*dict));
+      // In place: g++ 12 at -O2 takes a moved-from temporary here for uninitialised.
+      return std::optional<VelaValue>(std::in_place, std::move(*dict));
     }
     auto items = arrayItems(contents, depth);
     if (!items) return std::nullopt;
