@@ -8,7 +8,8 @@
 #   asan-ubsan  AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan        ThreadSanitizer
 # and finally installs the dev build into a temporary prefix and builds a
-# consumer against it (scripts/check-install.sh).
+# consumer against it (scripts/check-install.sh). A full run first checks that
+# every C++ source obeys .clang-format.
 #
 #   scripts/test.sh                  everything above
 #   scripts/test.sh --preset NAME    one configuration only (any preset with tests)
@@ -35,7 +36,7 @@ while (($# > 0)); do
       shift
       ;;
     -h | --help)
-      sed -n '3,16p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+      sed -n '3,17p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
       exit 0
       ;;
     *)
@@ -82,8 +83,18 @@ run_ctest() {
   return "$rc"
 }
 
+# shellcheck disable=SC2317  # reached through step
+# check_format: lists every C++ source that clang-format would change.
+check_format() {
+  find include src daemon tools tests bench \( -name '*.cpp' -o -name '*.h' \) -print0 |
+    xargs -0 clang-format --dry-run -Werror
+}
+
 run_all() {
   step "dependencies" "$root/scripts/deps.sh" || return 1
+  if ((install_check)); then
+    step "format" check_format || return 1
+  fi
   local preset
   for preset in "${presets[@]}"; do
     step "$preset: configure" cmake --preset "$preset" || return 1
