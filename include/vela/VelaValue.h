@@ -46,21 +46,24 @@ class VELA_EXPORT VelaValue {
   using Storage =
       std::variant<std::string, std::int64_t, double, bool, VelaDate, VelaData, VelaArray, VelaDictionary, VelaSet>;
 
-  VelaValue(std::string s) : storage_(std::move(s)) {}         // NOLINT(google-explicit-constructor)
-  VelaValue(std::string_view s) : storage_(std::string(s)) {}  // NOLINT(google-explicit-constructor)
-  VelaValue(const char* s) : storage_(std::string(s)) {}       // NOLINT(google-explicit-constructor)
+  // Implicit on purpose, so that literals and values stand in for VelaValue
+  // in dictionary and array literals.
+  // NOLINTBEGIN(google-explicit-constructor)
+  VelaValue(std::string s) : storage_(std::move(s)) {}
+  VelaValue(std::string_view s) : storage_(std::string(s)) {}
+  VelaValue(const char* s) : storage_(std::string(s)) {}
   template <std::integral T>
-  requires(!std::same_as<T, bool>) VelaValue(T i)
-      : storage_(static_cast<std::int64_t>(i)) {}  // NOLINT(google-explicit-constructor)
+  requires(!std::same_as<T, bool>) VelaValue(T i) : storage_(static_cast<std::int64_t>(i)) {}
   // Only a real bool makes a boolean: pointers and numbers never convert to one.
   template <std::same_as<bool> B>
-  VelaValue(B b) : storage_(b) {}                          // NOLINT(google-explicit-constructor)
-  VelaValue(double d) : storage_(d) {}                     // NOLINT(google-explicit-constructor)
-  VelaValue(VelaDate d) : storage_(d) {}                   // NOLINT(google-explicit-constructor)
-  VelaValue(VelaData d) : storage_(std::move(d)) {}        // NOLINT(google-explicit-constructor)
-  VelaValue(VelaArray a) : storage_(std::move(a)) {}       // NOLINT(google-explicit-constructor)
-  VelaValue(VelaDictionary d) : storage_(std::move(d)) {}  // NOLINT(google-explicit-constructor)
-  VelaValue(VelaSet s) : storage_(std::move(s)) {}         // NOLINT(google-explicit-constructor)
+  VelaValue(B b) : storage_(b) {}
+  VelaValue(double d) : storage_(d) {}
+  VelaValue(VelaDate d) : storage_(d) {}
+  VelaValue(VelaData d) : storage_(std::move(d)) {}
+  VelaValue(VelaArray a) : storage_(std::move(a)) {}
+  VelaValue(VelaDictionary d) : storage_(std::move(d)) {}
+  VelaValue(VelaSet s) : storage_(std::move(s)) {}
+  // NOLINTEND(google-explicit-constructor)
 
   Type type() const noexcept { return static_cast<Type>(storage_.index()); }
   const Storage& storage() const noexcept { return storage_; }
