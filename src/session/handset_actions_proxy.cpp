@@ -60,7 +60,7 @@ void HandsetActionsProxy::send(std::string_view memberName, VelaDictionary args,
       }
     };
   }
-  if (waitDeadline_ && onReply) {
+  if (waitDeadline_) {
     lastDelivery_ = connection_->callMethodAndWait(bus::kHandsetActionsInterface, memberName, std::move(args),
                                                    std::move(onReply), errorHandler_, reconnect_, *waitDeadline_);
     return;

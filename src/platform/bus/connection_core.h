@@ -157,13 +157,14 @@ struct NamedConnection::Core {
   void wake() const { signalFd(wakeFd); }
 
   // Queues work for the loop and wakes it only when it may be asleep: the
-  // loop takes the whole queue at once.
+  // loop empties both queues at once, so a non-empty one means a wake-up is
+  // already on its way. The flags stay set once seen and tell nothing.
   template <typename Mutate>
   void post(Mutate&& mutate) {
     bool wasIdle = false;
     {
       std::lock_guard lock(mutex);
-      wasIdle = requests.empty();
+      wasIdle = requests.empty() && subscriptions.empty();
       mutate();
     }
     if (wasIdle) wake();

@@ -102,20 +102,20 @@ void NamedConnection::resume() {
 
 void NamedConnection::invalidate() {
   core_->post([this] { core_->invalidateRequested = true; });
-  // post() wakes only an idle queue; an invalidation must always be seen.
-  core_->wake();
 }
 
 bool NamedConnection::belongsToThisProcess() const noexcept {
   return core_->generation == detail::forkGeneration.load();
 }
 
+bool NamedConnection::hasLoop() const noexcept { return belongsToThisProcess() && core_->wakeFd >= 0; }
+
 bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
 
 void NamedConnection::callMethod(std::string_view interface, std::string_view member, VelaDictionary args,
                                  ReplyHandler onReply, FailureHandler onFailure,
                                  std::shared_ptr<const Reconnect> reconnect) {
-  if (!belongsToThisProcess() || core_->wakeFd < 0) {
+  if (!hasLoop()) {
     invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
     return;
   }
@@ -130,8 +130,7 @@ NamedConnection::Delivery NamedConnection::callMethodAndWait(std::string_view in
                                                              FailureHandler onFailure,
                                                              std::shared_ptr<const Reconnect> reconnect,
                                                              std::chrono::steady_clock::time_point deadline) {
-  const bool mayRead = belongsToThisProcess() && core_->wakeFd >= 0 && core_->readerWakeFd >= 0 &&
-                       detail::loopOfThisThread != core_.get() && onReply;
+  const bool mayRead = hasLoop() && core_->readerWakeFd >= 0 && detail::loopOfThisThread != core_.get() && onReply;
   if (mayRead) {
     std::unique_lock busLock(core_->busMutex);
     // Work still queued for the connection's thread goes first, in order.
@@ -147,13 +146,8 @@ NamedConnection::Delivery NamedConnection::callMethodAndWait(std::string_view in
 }
 
 void NamedConnection::listenForNotifications(std::string center, NotificationSink sink) {
-  if (!belongsToThisProcess() || core_->wakeFd < 0) return;
-  {
-    std::lock_guard lock(core_->mutex);
-    core_->subscriptions.push_back(detail::Subscription{std::move(center), std::move(sink)});
-  }
-  // post() wakes only an idle request queue; a subscription must always be seen.
-  core_->wake();
+  if (!hasLoop()) return;
+  core_->post([&] { core_->subscriptions.push_back(detail::Subscription{std::move(center), std::move(sink)}); });
 }
 
 }  // namespace vela::bus

@@ -128,6 +128,9 @@ class NamedConnection {
  private:
   explicit NamedConnection(std::shared_ptr<Core> core);
 
+  // Whether requests can reach the connection's thread from this process.
+  bool hasLoop() const noexcept;
+
   std::shared_ptr<Core> core_;
   std::thread thread_;
 };
