@@ -12,6 +12,7 @@
 #include <vela/VelaNotifySession.h>
 #include <vela/VelaSync.h>
 
+#include "protocol/time_limit.h"
 #include "session/handset_actions_proxy.h"
 
 // The three ways an operation reaches the daemon. An operation names its
@@ -37,8 +38,7 @@ inline void setLastOperationResult(std::intptr_t code) {
   velaLastOperationResult.store(code, std::memory_order_relaxed);
 }
 
-// How long a synchronous call waits for its answer.
-inline constexpr std::chrono::seconds kReplyTimeLimit{5};
+using protocol::kReplyTimeLimit;
 
 // What the reply closure leaves for the caller. The caller closes the slots
 // when its wait ends, so a reply that arrives later finds them closed and
