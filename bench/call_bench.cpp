@@ -43,6 +43,7 @@
 
 #include "platform/bus/bus_names.h"
 #include "private_bus.h"
+#include "protocol/names.h"
 #include "velad_control.h"
 
 namespace {
@@ -289,8 +290,8 @@ class BareConnection {
     sd_bus_error error{nullptr, nullptr, 0};  // SD_BUS_ERROR_NULL is a C compound literal
     sd_bus_message* reply = nullptr;
     std::optional<std::string> id;
-    if (sd_bus_call_method(bus_, vela::bus::kServiceName.data(), vela::bus::kObjectPath.data(),
-                           vela::bus::kHandsetActionsInterface.data(), kMember, &error, &reply, "a{sv}", 0) >= 0) {
+    if (sd_bus_call_method(bus_, vela::protocol::kServiceName.data(), vela::protocol::kObjectPath.data(),
+                           vela::protocol::kHandsetActionsInterface.data(), kMember, &error, &reply, "a{sv}", 0) >= 0) {
       id = readDeviceId(reply);
     }
     sd_bus_message_unref(reply);

@@ -12,16 +12,11 @@
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
 
+#include "protocol/locus_state.h"
+
 // Everything velad knows, in memory. Only the handlers of the HandsetActions
 // members change it, all on the loop thread, so it needs no lock.
 namespace vela::daemon {
-
-// The two settled locating states. Clients know only that 1 and 2 are
-// settled; which is which is velad's choice.
-inline constexpr std::int32_t kLocusStateOff = 1;
-inline constexpr std::int32_t kLocusStateOn = 2;
-// Held while a switch is under way, until a short timer settles it.
-inline constexpr std::int32_t kLocusStateSwitching = 3;
 
 struct AccountIdentity {
   std::string username;
@@ -29,7 +24,7 @@ struct AccountIdentity {
 };
 
 struct DaemonState {
-  std::int32_t locusState = kLocusStateOff;
+  std::int32_t locusState = protocol::kLocusStateOff;
   // Context of the last switch request, as the client gave it.
   std::optional<std::int32_t> lastLocusContext;
 

@@ -5,11 +5,11 @@
 
 #include "daemon_errors.h"
 #include "log.h"
-#include "records/vetting_names.h"
+#include "protocol/names.h"
 
 namespace vela::daemon {
 
-namespace names = records;
+namespace names = protocol;
 
 namespace {
 
@@ -64,7 +64,8 @@ void EmailVetting::post(const std::string& requester, std::uint64_t generation,
   const auto current = generations_.find(requester);
   if (current == generations_.end() || current->second != generation) return;
   for (const VetNotification& notification : notifications) {
-    const int r = host_.emitNotification(names::kVetCenterName, notification.name, notification.userInfo, requester);
+    const int r =
+        host_.emitNotification(protocol::kClientNotifyCenter, notification.name, notification.userInfo, requester);
     if (r < 0) logLine("cannot post " + notification.name + ": " + std::strerror(-r));
     if (notification.name == names::kVetFinishedNotification) {
       generations_.erase(requester);

@@ -10,7 +10,7 @@
 
 #include <vela/VelaValue.h>
 
-#include "platform/bus/service_host.h"
+#include "service_host.h"
 
 namespace vela::daemon {
 
@@ -34,7 +34,7 @@ struct VetScript {
 class EmailVetting {
  public:
   // `host` posts the notifications and runs the timers; it must outlive this.
-  explicit EmailVetting(bus::ServiceHost& host) : host_(host) {}
+  explicit EmailVetting(ServiceHost& host) : host_(host) {}
 
   // Starts vetting `account` for `requester` (a unique bus name).
   void start(const std::string& requester, const std::string& account);
@@ -52,7 +52,7 @@ class EmailVetting {
  private:
   void post(const std::string& requester, std::uint64_t generation, const std::vector<VetNotification>& notifications);
 
-  bus::ServiceHost& host_;
+  ServiceHost& host_;
   std::optional<VetScript> script_;
   // Requester to the generation of its current vetting: a timer of a
   // replaced or cancelled vetting finds another generation and posts nothing.

@@ -14,11 +14,13 @@
 
 #include "daemon_state.h"
 #include "email_vetting.h"
-#include "interface_description.h"
-#include "platform/bus/service_host.h"
-#include "request_arguments.h"
+#include "protocol/typed_reader.h"
+#include "service_host.h"
 
 namespace vela::daemon {
+
+// A request's keys, read by type; a key of the wrong type spoils the request.
+using RequestArguments = protocol::TypedReader;
 
 // What velad answers to one request.
 struct Answer {
@@ -41,17 +43,12 @@ class HandsetActions {
 
   // `host` provides timers and notifications; all three must outlive this
   // object.
-  HandsetActions(DaemonState& state, bus::ServiceHost& host, EmailVetting& vetting,
+  HandsetActions(DaemonState& state, ServiceHost& host, EmailVetting& vetting,
                  std::chrono::milliseconds settleDelay = kLocusSettleDelay)
       : state_(state), host_(host), vetting_(vetting), settleDelay_(settleDelay) {}
 
   // Every member this implementation answers.
   static std::vector<std::string> members();
-
-  // Checks that the interface description lists exactly these members, each
-  // a{sv} -> a{sv}, with the request and reply keys they are implemented
-  // with. nullopt when it does, else what differs.
-  static std::optional<std::string> checkDescription(const std::vector<MethodDescription>& methods);
 
   // Carries out one request from `sender` (unique bus name).
   Answer perform(std::string_view member, const VelaDictionary& args, const std::string& sender);
@@ -87,7 +84,7 @@ class HandsetActions {
   void setLocusState(std::int32_t state);
 
   DaemonState& state_;
-  bus::ServiceHost& host_;
+  ServiceHost& host_;
   EmailVetting& vetting_;
   std::chrono::milliseconds settleDelay_;
 };

@@ -3,19 +3,21 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <memory>
 
 #include "log.h"
-#include "session/handset_wire.h"
+#include "protocol/daemon_error.h"
+#include "protocol/members.h"
 
 namespace vela::daemon {
 
-void HandsetService::callArrived(bus::IncomingCall call) {
+void HandsetService::callArrived(IncomingCall call) {
   logVerbose(call.member + " from " + call.sender);
   if (!call.args) {
     logVerbose(call.member + " refused: " + call.argsProblem);
-    call.reply.replyError(bus::kInvalidArgsError, call.argsProblem);
+    call.reply.replyError(kInvalidArgsError, call.argsProblem);
     return;
   }
   const Behavior behavior =
@@ -23,7 +25,7 @@ void HandsetService::callArrived(bus::IncomingCall call) {
   if (behavior.delay.count() > 0) {
     // std::function needs a copyable closure; the call (and its reply token)
     // is shared with it instead.
-    auto delayed = std::make_shared<bus::IncomingCall>(std::move(call));
+    auto delayed = std::make_shared<IncomingCall>(std::move(call));
     const int r = host_.addTimer(behavior.delay, [this, behavior, delayed] { carryOut(behavior, *delayed); });
     if (r >= 0) return;
     logLine(std::string("cannot delay an answer: ") + std::strerror(-r));
@@ -33,7 +35,12 @@ void HandsetService::callArrived(bus::IncomingCall call) {
   carryOut(behavior, call);
 }
 
-void HandsetService::carryOut(const Behavior& behavior, bus::IncomingCall& call) {
+void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call) {
+  // Every reply is typed as the member describes it, at every depth; a test's
+  // wrongly typed values stay wrong, only fitting numbers take their type.
+  const protocol::Member* member = protocol::findMember(call.member);
+  const std::array<protocol::Fields, 2> described{member != nullptr ? member->reply : protocol::Fields{},
+                                                  protocol::Fields(&protocol::kDaemonErrorField, 1)};
   int r = 0;
   switch (behavior.mode) {
     case BehaviorMode::kExit:
@@ -46,19 +53,19 @@ void HandsetService::carryOut(const Behavior& behavior, bus::IncomingCall& call)
       r = call.reply.replyWithString("not a dictionary");
       break;
     case BehaviorMode::kError:
-      r = call.reply.reply(replyBody({}, behavior.error), vela::session::wire::kInt32Keys);
+      r = call.reply.reply(replyBody({}, behavior.error), described);
       break;
     case BehaviorMode::kValues:
-      r = call.reply.reply(replyBody(behavior.values, behavior.error), vela::session::wire::kInt32Keys);
+      r = call.reply.reply(replyBody(behavior.values, behavior.error), described);
       break;
     case BehaviorMode::kNormal:
     case BehaviorMode::kDelay: {
       const Answer answer = actions_.perform(call.member, *call.args, call.sender);
       if (answer.refusal) {
         logVerbose(call.member + " refused: " + *answer.refusal);
-        r = call.reply.replyError(bus::kInvalidArgsError, *answer.refusal);
+        r = call.reply.replyError(kInvalidArgsError, *answer.refusal);
       } else {
-        r = call.reply.reply(replyBody(answer.values, answer.error), vela::session::wire::kInt32Keys);
+        r = call.reply.reply(replyBody(answer.values, answer.error), described);
       }
       break;
     }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "handset_actions.h"
-#include "platform/bus/service_host.h"
+#include "service_host.h"
 #include "testing_interface.h"
 
 namespace vela::daemon {
@@ -13,15 +13,15 @@ namespace vela::daemon {
 class HandsetService {
  public:
   // `testing` may be nullptr (no --testing). All three must outlive this.
-  HandsetService(bus::ServiceHost& host, HandsetActions& actions, TestingInterface* testing)
+  HandsetService(ServiceHost& host, HandsetActions& actions, TestingInterface* testing)
       : host_(host), actions_(actions), testing_(testing) {}
 
-  void callArrived(bus::IncomingCall call);
+  void callArrived(IncomingCall call);
 
  private:
-  void carryOut(const Behavior& behavior, bus::IncomingCall& call);
+  void carryOut(const Behavior& behavior, IncomingCall& call);
 
-  bus::ServiceHost& host_;
+  ServiceHost& host_;
   HandsetActions& actions_;
   TestingInterface* testing_;
 };

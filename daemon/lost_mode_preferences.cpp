@@ -9,18 +9,21 @@
 
 #include "log.h"
 #include "platform/prefs/sqlite_store.h"
+#include "protocol/lost_mode_entries.h"
 
 namespace vela::daemon {
 namespace {
 
+namespace entries = protocol::lost_mode;
+
 // velad owns the first of the entries clients consult; the others belong to
 // other writers and are left alone.
-constexpr std::string_view kEntryKey = "LocusLostModeInfo";
+constexpr std::string_view kEntryKey = entries::kLocusEntry;
 
 VelaDictionary entryFor(const VelaLostModeInfo& info) {
-  VelaDictionary entry{{"lostModeEnabled", true}};
-  if (info.message()) entry.emplace("lostModeMessage", *info.message());
-  if (info.phoneNumber()) entry.emplace("lostModeOwnerNumber", *info.phoneNumber());
+  VelaDictionary entry{{std::string(entries::kEnabledKey), true}};
+  if (info.message()) entry.emplace(entries::kMessageKey, *info.message());
+  if (info.phoneNumber()) entry.emplace(entries::kOwnerNumberKey, *info.phoneNumber());
   return entry;
 }
 

@@ -15,16 +15,17 @@
 #include "daemon_state.h"
 #include "handset_actions.h"
 #include "handset_service.h"
-#include "interface_description.h"
 #include "log.h"
 #include "platform/bus/bus_names.h"
-#include "platform/bus/service_host.h"
+#include "protocol/names.h"
+#include "service_host.h"
 #include "testing_interface.h"
 
 namespace {
 
 namespace bus = vela::bus;
 namespace daemon = vela::daemon;
+namespace protocol = vela::protocol;
 
 struct Options {
   std::string bus = "system";
@@ -45,22 +46,9 @@ bool announceReady(int fd) {
 }
 
 int serve(const Options& options) {
-  // velad serves exactly what the published description lists; a description
-  // that disagrees with this build is a packaging fault, caught at start.
   std::string problem;
-  const auto methods =
-      daemon::readInterfaceMethods(daemon::handsetActionsDescription(), bus::kHandsetActionsInterface, &problem);
-  if (!methods) {
-    daemon::logLine("the built-in interface description is unreadable: " + problem);
-    return 1;
-  }
-  if (auto mismatch = daemon::HandsetActions::checkDescription(*methods)) {
-    daemon::logLine("the interface description does not match velad: " + *mismatch);
-    return 1;
-  }
-
   const bus::BusKind kind = options.bus == "session" ? bus::BusKind::kSession : bus::BusKind::kSystem;
-  std::unique_ptr<bus::ServiceHost> host = bus::ServiceHost::open(kind, &problem);
+  std::unique_ptr<daemon::ServiceHost> host = daemon::ServiceHost::open(kind, &problem);
   if (!host) {
     daemon::logLine(problem);
     return 1;
@@ -73,26 +61,27 @@ int serve(const Options& options) {
   if (options.testing) testing.emplace(*host, daemon::HandsetActions::members(), vetting);
   daemon::HandsetService service(*host, actions, testing ? &*testing : nullptr);
 
-  int r = host->exportInterface(bus::kObjectPath, bus::kHandsetActionsInterface, daemon::HandsetActions::members(),
-                                [&service](bus::IncomingCall call) { service.callArrived(std::move(call)); });
+  int r = host->exportInterface(protocol::kObjectPath, protocol::kHandsetActionsInterface,
+                                daemon::HandsetActions::members(),
+                                [&service](daemon::IncomingCall call) { service.callArrived(std::move(call)); });
   if (r >= 0 && testing) {
-    r = host->exportInterface(bus::kObjectPath, bus::kTestingInterface, daemon::TestingInterface::members(),
-                              [&testing](bus::IncomingCall call) { testing->callArrived(std::move(call)); });
+    r = host->exportInterface(protocol::kObjectPath, protocol::kTestingInterface, daemon::TestingInterface::members(),
+                              [&testing](daemon::IncomingCall call) { testing->callArrived(std::move(call)); });
   }
   if (r < 0) {
     daemon::logLine(std::string("cannot export the interfaces: ") + std::strerror(-r));
     return 1;
   }
-  r = host->requestName(bus::kServiceName);
+  r = host->requestName(protocol::kServiceName);
   if (r < 0) {
-    daemon::logLine("cannot own " + std::string(bus::kServiceName) + ": " + std::strerror(-r));
+    daemon::logLine("cannot own " + std::string(protocol::kServiceName) + ": " + std::strerror(-r));
     return 1;
   }
   if (options.readyFd >= 0 && !announceReady(options.readyFd)) {
     daemon::logLine(std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
     return 1;
   }
-  daemon::logVerbose("serving " + std::string(bus::kServiceName) + " as " + host->uniqueName());
+  daemon::logVerbose("serving " + std::string(protocol::kServiceName) + " as " + host->uniqueName());
 
   r = host->run();
   if (r < 0) {

@@ -8,6 +8,7 @@
 
 #include "log.h"
 #include "platform/bus/bus_names.h"
+#include "protocol/names.h"
 
 namespace vela::daemon {
 namespace {
@@ -76,8 +77,7 @@ std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::st
 
 }  // namespace
 
-TestingInterface::TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers,
-                                   EmailVetting& vetting)
+TestingInterface::TestingInterface(ServiceHost& host, std::vector<std::string> handsetMembers, EmailVetting& vetting)
     : host_(host), vetting_(vetting), handsetMembers_(handsetMembers.begin(), handsetMembers.end()) {}
 
 std::vector<std::string> TestingInterface::members() {
@@ -85,9 +85,9 @@ std::vector<std::string> TestingInterface::members() {
           std::string(kClearCallLog), std::string(kPostNotification), std::string(kSetVetScript)};
 }
 
-void TestingInterface::callArrived(bus::IncomingCall call) {
+void TestingInterface::callArrived(IncomingCall call) {
   if (!call.args) {
-    call.reply.replyError(bus::kInvalidArgsError, call.argsProblem);
+    call.reply.replyError(kInvalidArgsError, call.argsProblem);
     return;
   }
   std::optional<std::string> problem;
@@ -107,7 +107,7 @@ void TestingInterface::callArrived(bus::IncomingCall call) {
     problem = setVetScript(*call.args);
   }
   if (problem) {
-    call.reply.replyError(bus::kInvalidArgsError, *problem);
+    call.reply.replyError(kInvalidArgsError, *problem);
   } else {
     call.reply.reply(reply);
   }
@@ -190,8 +190,8 @@ std::optional<std::string> TestingInterface::setVetScript(const VelaDictionary& 
 Behavior TestingInterface::behaviorForCall(const std::string& member, const VelaDictionary& args,
                                            const std::string& sender) {
   callLog_.emplace_back(VelaDictionary{{"member", member}, {"args", args}, {"sender", sender}});
-  const int r =
-      host_.emitNotification(bus::kTestingInterface, kCallLoggedNotification, {{"member", member}, {"sender", sender}});
+  const int r = host_.emitNotification(protocol::kTestingInterface, kCallLoggedNotification,
+                                       {{"member", member}, {"sender", sender}});
   if (r < 0) logLine(std::string("cannot announce a logged call: ") + std::strerror(-r));
   const auto found = behaviors_.find(member);
   if (found == behaviors_.end()) return {};

@@ -15,7 +15,7 @@
 #include <vela/VelaValue.h>
 
 #include "email_vetting.h"
-#include "platform/bus/service_host.h"
+#include "service_host.h"
 
 // The Testing interface that velad serves with --testing, beside
 // HandsetActions at the same path. It lets a test make any HandsetActions
@@ -66,12 +66,12 @@ class TestingInterface {
  public:
   // `handsetMembers` are the members a behaviour may be set for; `host`
   // posts the notifications. `host` and `vetting` must outlive this object.
-  TestingInterface(bus::ServiceHost& host, std::vector<std::string> handsetMembers, EmailVetting& vetting);
+  TestingInterface(ServiceHost& host, std::vector<std::string> handsetMembers, EmailVetting& vetting);
 
   static std::vector<std::string> members();
 
   // Handles one call on the Testing interface.
-  void callArrived(bus::IncomingCall call);
+  void callArrived(IncomingCall call);
 
   // Logs one HandsetActions call and returns the behaviour it gets, using up
   // one of that behaviour's times.
@@ -88,7 +88,7 @@ class TestingInterface {
   std::optional<std::string> postNotification(const VelaDictionary& args);
   std::optional<std::string> setVetScript(const VelaDictionary& args);
 
-  bus::ServiceHost& host_;
+  ServiceHost& host_;
   EmailVetting& vetting_;
   std::set<std::string, std::less<>> handsetMembers_;
   std::map<std::string, StoredBehavior, std::less<>> behaviors_;

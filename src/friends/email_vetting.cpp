@@ -4,7 +4,7 @@
 
 #include "platform/notify/distributed_center.h"
 #include "platform/notify/notification_center.h"
-#include "records/vetting_names.h"
+#include "protocol/names.h"
 #include "session/remote_call.h"
 
 namespace {
@@ -12,7 +12,7 @@ namespace {
 using vela::notify::DistributedCenter;
 using vela::notify::Notification;
 using vela::notify::NotificationCenter;
-namespace names = vela::records;
+namespace names = vela::protocol;
 
 const VelaValue* entry(const VelaDictionary& dictionary, std::string_view key) {
   const auto found = dictionary.find(key);
@@ -58,19 +58,14 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
                     [weakSelf](const Notification& notification) {
                       if (auto self = weakSelf.lock()) self->_vetFinished(notification);
                     });
-  return vela::session::callSynchronously(
-             *this, names::kVetRequestLabel,
-             [&](auto& proxy, auto reply) { proxy.vetEmailAccount(std::move(account), std::move(reply)); })
+  return vela::session::callSynchronously(*this, "vetEmailAccount", vela::session::calls::kVetEmailAccount, account)
       .error;
 }
 
 std::optional<VelaError> VelaNotifySession::cancelEmailVet() {
   vela::session::setLastOperationResult(0);
   _stopVettingNotifications();
-  return vela::session::callSynchronously(
-             *this, names::kVetCancelLabel,
-             [](auto& proxy, auto reply) { proxy.cancelEmailVetUsingCallback(std::move(reply)); })
-      .error;
+  return vela::session::callSynchronously(*this, "cancelEmailVet", vela::session::calls::kCancelEmailVet).error;
 }
 
 void VelaNotifySession::_vetResultReceived(const Notification& notification) const {
@@ -104,6 +99,6 @@ std::shared_ptr<DistributedCenter> VelaNotifySession::centerMadeIfNeeded() {
   std::lock_guard lock(fieldsMutex_);
   // Under the lock, so that two first vettings racing make one center.
   if (!center_)
-    center_ = DistributedCenter::named(std::string(names::kVetCenterName), NotificationCenter::defaultCenter());
+    center_ = DistributedCenter::named(std::string(names::kClientNotifyCenter), NotificationCenter::defaultCenter());
   return center_;
 }

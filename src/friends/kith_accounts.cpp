@@ -3,22 +3,20 @@
 
 #include "session/remote_call.h"
 
+namespace calls = vela::session::calls;
+
 std::optional<VelaError> VelaNotifySession::addKithAccount(std::shared_ptr<VelaKithAccountInfo> account) {
-  auto send = [&](auto& proxy, auto reply) { proxy.addKithAccount(std::move(account), std::move(reply)); };
-  return vela::session::callSynchronously(*this, "addKithAccount", send).error;
+  return vela::session::callSynchronously(*this, "addKithAccount", calls::kAddKithAccount, account).error;
 }
 
 std::optional<VelaError> VelaNotifySession::removeKithAccountWithUsername(std::optional<std::string> username) {
-  auto send = [&](auto& proxy, auto reply) {
-    proxy.removeKithAccountWithUsername(std::move(username), std::move(reply));
-  };
-  return vela::session::callSynchronously(*this, "removeKithAccountWithUsername", send).error;
+  return vela::session::callSynchronously(*this, "removeKithAccountWithUsername", calls::kRemoveKithAccountWithUsername,
+                                          username)
+      .error;
 }
 
 std::optional<VelaError> VelaNotifySession::retrieveKithAccount(std::shared_ptr<VelaKithAccountInfo>& account) {
-  auto result = vela::session::callSynchronously<std::shared_ptr<VelaKithAccountInfo>>(
-      *this, "retrieveKithAccount",
-      [](auto& proxy, auto reply) { proxy.retrieveKithAccountUsingCallback(std::move(reply)); });
+  auto result = vela::session::callSynchronously(*this, "retrieveKithAccount", calls::kRetrieveKithAccount);
   // Written in every outcome, so a caller's stale record never survives a
   // failed read; the record and the error travel independently.
   account = std::get<0>(std::move(result.values));

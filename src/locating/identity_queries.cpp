@@ -6,19 +6,17 @@
 
 namespace {
 
-using StringQuery = void (VelaNotificationHandsetActions::*)(VelaStringReply);
-using AccountQuery = void (VelaNotificationHandsetActions::*)(VelaTwoStringReply);
+namespace calls = vela::session::calls;
 
-std::optional<std::string> queryString(VelaNotifySession& session, const char* label, StringQuery query) {
-  auto result = vela::session::callSynchronously<std::optional<std::string>>(
-      session, label, [query](auto& proxy, auto reply) { (proxy.*query)(std::move(reply)); });
-  return std::get<0>(std::move(result.values));
+template <typename Call>
+std::optional<std::string> queryString(VelaNotifySession& session, const char* label, const Call& call) {
+  return std::get<0>(vela::session::callSynchronously(session, label, call).values);
 }
 
 // A half-known account is no account: both values must have come.
-std::optional<VelaDictionary> queryAccount(VelaNotifySession& session, const char* label, AccountQuery query) {
-  auto result = vela::session::callSynchronously<std::optional<std::string>, std::optional<std::string>>(
-      session, label, [query](auto& proxy, auto reply) { (proxy.*query)(std::move(reply)); });
+template <typename Call>
+std::optional<VelaDictionary> queryAccount(VelaNotifySession& session, const char* label, const Call& call) {
+  auto result = vela::session::callSynchronously(session, label, call);
   auto& [username, personID] = result.values;
   if (!username || !personID) return std::nullopt;
   return VelaDictionary{{std::string(kVelaAccountNameKey), std::move(*username)},
@@ -30,23 +28,23 @@ constexpr std::string_view kDeviceLocatorDataclass = "com.zentrex.Dataclass.Devi
 }  // namespace
 
 std::optional<std::string> VelaNotifySession::kithDeviceId() {
-  return queryString(*this, "kithDeviceId", &VelaNotificationHandsetActions::getKithDeviceIdUsingCallback);
+  return queryString(*this, "kithDeviceId", calls::kGetKithDeviceId);
 }
 
 std::optional<std::string> VelaNotifySession::locusDeviceId() {
-  return queryString(*this, "locusDeviceId", &VelaNotificationHandsetActions::getLocusDeviceIdUsingCallback);
+  return queryString(*this, "locusDeviceId", calls::kGetLocusDeviceId);
 }
 
 std::optional<std::string> VelaNotifySession::storeAccount() {
-  return queryString(*this, "storeAccount", &VelaNotificationHandsetActions::getStoreAccountUsingCallback);
+  return queryString(*this, "storeAccount", calls::kGetStoreAccount);
 }
 
 std::optional<VelaDictionary> VelaNotifySession::locusAccount() {
-  return queryAccount(*this, "locusAccount", &VelaNotificationHandsetActions::getLocusAccountUsingCallback);
+  return queryAccount(*this, "locusAccount", calls::kGetLocusAccount);
 }
 
 std::optional<VelaDictionary> VelaNotifySession::nimbusAccount() {
-  return queryAccount(*this, "nimbusAccount", &VelaNotificationHandsetActions::getNimbusAccountUsingCallback);
+  return queryAccount(*this, "nimbusAccount", calls::kGetNimbusAccount);
 }
 
 std::optional<std::string> VelaNotifySession::copyStoreAccount() { return sharedInstance()->storeAccount(); }

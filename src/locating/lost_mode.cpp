@@ -6,13 +6,15 @@
 #include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/coercion.h"
+#include "protocol/lost_mode_entries.h"
 #include "session/remote_call.h"
 
 namespace {
 
-constexpr std::string_view kEnabledKey = "lostModeEnabled";
-constexpr std::string_view kMessageKey = "lostModeMessage";
-constexpr std::string_view kOwnerNumberKey = "lostModeOwnerNumber";
+namespace entries = vela::protocol::lost_mode;
+using entries::kEnabledKey;
+using entries::kMessageKey;
+using entries::kOwnerNumberKey;
 
 bool isEnabled(const VelaDictionary& entry) {
   const auto flag = entry.find(kEnabledKey);
@@ -37,9 +39,9 @@ std::optional<VelaDictionary> activeEntry() {
   };
   // The domain names are assignable, so they are read on every call.
   const std::array<Entry, 3> entries{{
-      {"LocusLostModeInfo", kVelaNotification_Public_NotBackedUp_Pref_Domain, true},
-      {"ClientLostModeInfo", kVelaNotification_Public_NotBackedUp_Pref_Domain, false},
-      {"LocusWipeLostModeInfo", kVelaNotification_PostWipe_Pref_Domain, true},
+      {entries::kLocusEntry, kVelaNotification_Public_NotBackedUp_Pref_Domain, true},
+      {entries::kClientEntry, kVelaNotification_Public_NotBackedUp_Pref_Domain, false},
+      {entries::kWipeEntry, kVelaNotification_PostWipe_Pref_Domain, true},
   }};
   for (const Entry& entry : entries) {
     if (entry.synchronizeFirst) VelaPreferencesUtil::synchronizeDomain(entry.domain);
@@ -81,9 +83,7 @@ std::optional<VelaDictionary> VelaNotifySession::lostModeParams() {
 }
 
 std::optional<VelaError> VelaNotifySession::enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info) {
-  return vela::session::callSynchronously(
-             *this, "enableLostMode",
-             [&](auto& proxy, auto reply) { proxy.enableLostModeWithInfo(std::move(info), std::move(reply)); })
+  return vela::session::callSynchronously(*this, "enableLostMode", vela::session::calls::kEnableLostModeWithInfo, info)
       .error;
 }
 

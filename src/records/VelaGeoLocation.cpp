@@ -1,22 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <vela/VelaGeoLocation.h>
 
-namespace vela::records::geo {
-namespace {
+#include "protocol/records.h"
 
-constexpr std::string_view kLatitudeKey = "latitude";
-constexpr std::string_view kLongitudeKey = "longitude";
-constexpr std::string_view kAltitudeKey = "altitude";
-constexpr std::string_view kHorizontalAccuracyKey = "horizontalAccuracy";
-constexpr std::string_view kVerticalAccuracyKey = "verticalAccuracy";
-constexpr std::string_view kCourseKey = "course";
-constexpr std::string_view kSpeedKey = "speed";
-constexpr std::string_view kTimestampKey = "timestamp";
-
-}  // namespace
-}  // namespace vela::records::geo
-
-namespace geo = vela::records::geo;
+namespace geo = vela::protocol::geo;
 
 std::shared_ptr<VelaGeoLocation> VelaGeoLocation::initWithGeoLocation(const GeoLocation* source) {
   if (source == nullptr) return std::make_shared<VelaGeoLocation>();

@@ -1,20 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <vela/VelaKithAccountInfo.h>
 
+#include "protocol/records.h"
 #include "records/record_format.h"
 
 namespace vela::records::kith {
 namespace {
 
-constexpr std::string_view kDsidKey = "dsid";
-constexpr std::string_view kUsernameKey = "username";
-constexpr std::string_view kAppAuthTokenKey = "appAuthToken";
-constexpr std::string_view kAppAuthTokenStatusKey = "appAuthTokenStatus";
-constexpr std::string_view kInternalAuthTokenKey = "internalAuthToken";
-constexpr std::string_view kAdditionalInfoKey = "additionalInfo";
-constexpr std::string_view kVelaServerHostKey = "velaServerHost";
-constexpr std::string_view kVelaServerProtocolSchemeKey = "velaServerProtocolScheme";
-constexpr std::string_view kVelaRelayEnvironmentKey = "velaRelayEnvironment";
+using namespace vela::protocol::kith;  // NOLINT(google-build-using-namespace): the record's own keys
 
 std::optional<VelaValue> stringValue(const std::optional<std::string>& s) {
   if (!s) return std::nullopt;

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <vela/VelaLostModeInfo.h>
 
+#include "protocol/records.h"
 #include "records/record_format.h"
 
 namespace vela::records::lost_mode {
 namespace {
 
-// Also the flag's key in the lost-mode dictionaries of the preference store.
-constexpr std::string_view kLostModeEnabledKey = "lostModeEnabled";
-constexpr std::string_view kMessageKey = "message";
-constexpr std::string_view kPhoneNumberKey = "phoneNumber";
+using namespace vela::protocol::lost_mode_record;  // NOLINT(google-build-using-namespace): the record's own keys
 
 // A number's truth: any non-zero value, whatever its numeric type.
 bool truthOf(const VelaValue& number) {

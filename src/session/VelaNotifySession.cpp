@@ -4,8 +4,8 @@
 #include "platform/bus/bus_names.h"
 #include "platform/bus/named_connection.h"
 #include "platform/notify/distributed_center.h"
+#include "protocol/names.h"
 #include "session/connection_queue.h"
-#include "session/handset_wire.h"
 
 using vela::bus::NamedConnection;
 
@@ -71,12 +71,11 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
     // One that reported trouble, or was inherited across fork() and has no
     // thread here, is replaced.
     stale = std::move(current);
-    auto connection = NamedConnection::create(std::string(vela::bus::kServiceName), vela::bus::kPrivilegedOption);
+    auto connection = NamedConnection::create(std::string(vela::protocol::kServiceName), vela::bus::kPrivilegedOption);
     const std::weak_ptr<NamedConnection> self = connection;
     auto dropConnection = [box, self] {
       if (auto session = box.lock()) session->retireLinkConnection(self);
     };
-    connection->setWireHints({vela::session::wire::kInt32Keys});
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
     // A vetting under way keeps hearing its results on the new connection.

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -53,30 +52,16 @@ class HandsetActionsProxy final : public VelaNotificationHandsetActions {
   void stopListeningOnTopic(std::optional<std::string> topic, VelaErrorReply reply) override;
   void dumpDebugInfo(std::optional<std::string> argument, VelaErrorReply reply) override;
 
-  // From now on, a request that asks for an answer blocks the calling thread
-  // until its closure has run, or until `deadline`; see
-  // NamedConnection::callMethodAndWait. Only for synchronous calls, whose
-  // closures merely record the answer and signal.
-  void waitForAnswersUntil(std::chrono::steady_clock::time_point deadline) { waitDeadline_ = deadline; }
-
-  // How the last request sent while waiting ended; kPending otherwise.
-  bus::NamedConnection::Delivery lastDelivery() const { return lastDelivery_; }
-
  private:
-  // Sends `member`; `decode(reply)` turns the answer into a call of the reply
-  // closure and returns false when it does not decode. A null `decode` sends
-  // the request fire-and-forget.
-  void send(std::string_view member, VelaDictionary args, std::function<bool(const VelaDictionary&)> decode);
-
-  void sendErrorOnly(std::string_view member, VelaDictionary args, VelaErrorReply reply);
-  void sendOneString(std::string_view member, std::string_view key, VelaStringReply reply);
-  void sendTwoStrings(std::string_view member, VelaTwoStringReply reply);
+  // Sends `call` with `args`. `reply` runs with the decoded answer; when the
+  // answer does not decode, the error handler runs instead. An empty `reply`
+  // sends the request without asking for an answer.
+  template <typename Call, typename Reply, typename... Args>
+  void send(const Call& call, Reply reply, const Args&... args);
 
   std::shared_ptr<bus::NamedConnection> connection_;
   VelaProxyErrorHandler errorHandler_;
   std::shared_ptr<const bus::Reconnect> reconnect_;
-  std::optional<std::chrono::steady_clock::time_point> waitDeadline_;
-  bus::NamedConnection::Delivery lastDelivery_ = bus::NamedConnection::Delivery::kPending;
 };
 
 // The handler every operation gives its proxy: it runs `inner` (if any) with

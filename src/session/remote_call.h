@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -14,11 +13,11 @@
 
 #include "protocol/time_limit.h"
 #include "session/handset_actions_proxy.h"
+#include "session/member_calls.h"
 
 // The three ways an operation reaches the daemon. An operation names its
-// label, its remote method and its reply values; everything else (the
-// per-call slots, the semaphore, the 5-second wait, error 106 and
-// velaLastOperationResult) lives here once.
+// label, its member call and its arguments; everything else (the deadline,
+// error 106 and velaLastOperationResult) lives here once.
 namespace vela::session {
 
 // What the call machinery needs of a session beyond its public API.
@@ -40,70 +39,27 @@ inline void setLastOperationResult(std::intptr_t code) {
 
 using protocol::kReplyTimeLimit;
 
-// What the reply closure leaves for the caller. The caller closes the slots
-// when its wait ends, so a reply that arrives later finds them closed and
-// drops its values instead of racing the caller.
-template <typename... Values>
-class ReplySlots {
- public:
-  void fill(std::optional<VelaError> error, Values... values) {
-    std::lock_guard lock(mutex_);
-    if (closed_) return;
-    answered_ = true;
-    error_ = std::move(error);
-    values_ = std::tuple<Values...>(std::move(values)...);
-  }
-
-  struct Outcome {
-    bool answered = false;
-    std::optional<VelaError> error;
-    std::tuple<Values...> values;
-  };
-
-  Outcome close() {
-    std::lock_guard lock(mutex_);
-    closed_ = true;
-    return Outcome{answered_, std::move(error_), std::move(values_)};
-  }
-
- private:
-  std::mutex mutex_;
-  bool closed_ = false;    // guarded by mutex_
-  bool answered_ = false;  // guarded by mutex_
-  std::optional<VelaError> error_;
-  std::tuple<Values...> values_{};
-};
-
-template <typename... Values>
-struct SyncResult {
-  std::optional<VelaError> error;  // the daemon's, or 106 "timed out"
-  std::tuple<Values...> values;    // empty values after a time-out or a failure
-};
-
-// The synchronous remote call: send with a reply closure, wait up to 5
-// seconds, and leave the error's code in velaLastOperationResult. `send` is
-// called as send(proxy, replyClosure) and sends exactly one request.
-// A connection failure signals the semaphore without an answer, so it ends
-// the wait at once and is reported like a time-out.
-template <typename... Values, typename Send>
-SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string_view label, Send&& send) {
+// The synchronous remote call: send `call` with `args`, wait for the answer
+// until one time limit from now, and leave the error's code in
+// velaLastOperationResult. No answer in time, a connection failure and an
+// undecodable reply all end as 106 "timed out".
+template <typename Call, typename... Args>
+typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_view label, const Call& call,
+                                       const Args&... args) {
+  (void)label;  // names the operation for whoever reads the code; no effect
   setLastOperationResult(0);
-  auto slots = std::make_shared<ReplySlots<Values...>>();
-  auto semaphore = VelaSemaphore::create(0);
-  HandsetActionsProxy proxy = linkProxy(session, semaphore, label, nullptr);
-  // One time limit for the whole call, however the answer comes in.
   const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
-  proxy.waitForAnswersUntil(deadline);
-  std::forward<Send>(send)(proxy, [slots, semaphore](Values... values, std::optional<VelaError> error) {
-    slots->fill(std::move(error), std::move(values)...);
-    semaphore->signal();
-  });
-  if (proxy.lastDelivery() == bus::NamedConnection::Delivery::kPending) semaphore->waitUntil(deadline);
-  auto outcome = slots->close();
-  SyncResult<Values...> result{std::move(outcome.error), std::move(outcome.values)};
-  if (!outcome.answered) result.error = session.newErrorForCode(VelaErrorCodeTimedOut, "timed out");
-  if (result.error) setLastOperationResult(static_cast<std::intptr_t>(result.error->code()));
-  return result;
+  const std::shared_ptr<bus::NamedConnection> connection = session.currentLinkConnection();
+  bus::NamedConnection::CallOutcome outcome =
+      connection->call(*call.member, call.encode(args...), SessionInternals::reconnect(session), deadline);
+  std::optional<typename Call::Reply> decoded;
+  if (outcome.reply) decoded = call.decode(*outcome.reply);
+  if (!decoded) {
+    decoded.emplace();
+    decoded->error = session.newErrorForCode(VelaErrorCodeTimedOut, "timed out");
+  }
+  if (decoded->error) setLastOperationResult(static_cast<std::intptr_t>(decoded->error->code()));
+  return std::move(*decoded);
 }
 
 // The asynchronous variant: no wait and no time-out. `onFailure` runs with the

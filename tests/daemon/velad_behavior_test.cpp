@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/bus/bus_names.h"
-#include "records/vetting_names.h"
+#include "protocol/names.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -140,7 +140,7 @@ TEST_F(AVelad, PostsAUnicastNotificationToItsDestinationAlone) {
   std::string whyNot;
   const auto bystander = bus::TestBusClient::open(bus::BusKind::kSystem, &whyNot);
   ASSERT_NE(bystander, nullptr) << whyNot;
-  const std::string center(records::kVetCenterName);
+  const std::string center(protocol::kClientNotifyCenter);
   ASSERT_EQ(client_->subscribeNotifications(center), 0);
   ASSERT_EQ(bystander->subscribeNotifications(center), 0);
 
@@ -151,7 +151,7 @@ TEST_F(AVelad, PostsAUnicastNotificationToItsDestinationAlone) {
   // before this broadcast.
   ASSERT_TRUE(control_->postNotification(center, "marker")) << control_->lastFailure();
 
-  const std::string velad = client_->nameOwner(bus::kServiceName);
+  const std::string velad = client_->nameOwner(protocol::kServiceName);
   const auto first = client_->waitNotification();
   ASSERT_TRUE(first);
   EXPECT_EQ(first->name, "vet.results.found");

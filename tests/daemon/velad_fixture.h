@@ -12,14 +12,15 @@
 #include <vela/VelaValue.h>
 
 #include "platform/bus/bus_names.h"
-#include "platform/bus/test_bus_client.h"
 #include "private_bus.h"
+#include "protocol/names.h"
+#include "test_bus_client.h"
 #include "velad_control.h"
 
 namespace vela::testing {
 
-inline const bus::MethodTarget kHandsetActions{std::string(bus::kServiceName), std::string(bus::kObjectPath),
-                                               std::string(bus::kHandsetActionsInterface)};
+inline const bus::MethodTarget kHandsetActions{std::string(protocol::kServiceName), std::string(protocol::kObjectPath),
+                                               std::string(protocol::kHandsetActionsInterface)};
 
 // A fresh private bus and velad --testing for each test, a client connection
 // to call HandsetActions with, and a second connection driving the Testing

@@ -10,15 +10,16 @@
 
 #include <gtest/gtest.h>
 
-#include "interface_description.h"
 #include "platform/bus/bus_names.h"
-#include "platform/bus/service_host.h"
+#include "protocol/introspection.h"
+#include "protocol/names.h"
+#include "service_host.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
 namespace {
 
-using daemon::MethodDescription;
+using protocol::MethodDescription;
 
 std::string readFile(const char* path) {
   std::ifstream in(path);
@@ -36,13 +37,13 @@ constexpr ExitStatus kCleanExit{};
 TEST_F(AVelad, ServesExactlyThePublishedMembersAsDictionaryInDictionaryOut) {
   std::string whyNot;
   const auto published =
-      daemon::readInterfaceMethods(readFile(VELA_INTERFACE_XML), bus::kHandsetActionsInterface, &whyNot);
+      protocol::readInterfaceMethods(readFile(VELA_INTERFACE_XML), protocol::kHandsetActionsInterface, &whyNot);
   ASSERT_TRUE(published) << whyNot;
   ASSERT_EQ(published->size(), 20U);
 
-  const std::optional<std::string> live = client_->introspect(bus::kServiceName, bus::kObjectPath);
+  const std::optional<std::string> live = client_->introspect(protocol::kServiceName, protocol::kObjectPath);
   ASSERT_TRUE(live);
-  const auto served = daemon::readInterfaceMethods(*live, bus::kHandsetActionsInterface, &whyNot);
+  const auto served = protocol::readInterfaceMethods(*live, protocol::kHandsetActionsInterface, &whyNot);
   ASSERT_TRUE(served) << whyNot;
 
   EXPECT_EQ(namesOf(*served), namesOf(*published));
@@ -55,7 +56,7 @@ TEST_F(AVelad, ServesExactlyThePublishedMembersAsDictionaryInDictionaryOut) {
     EXPECT_EQ(method.arguments[1].type, "a{sv}") << method.name;
     EXPECT_EQ(method.arguments[1].direction, "out") << method.name;
   }
-  const auto testing = daemon::readInterfaceMethods(*live, bus::kTestingInterface, &whyNot);
+  const auto testing = protocol::readInterfaceMethods(*live, protocol::kTestingInterface, &whyNot);
   ASSERT_TRUE(testing) << whyNot;
   EXPECT_EQ(namesOf(*testing), (std::set<std::string>{"SetBehavior", "ResetBehaviors", "CallLog", "ClearCallLog",
                                                       "PostNotification", "SetVetScript"}));
@@ -63,21 +64,21 @@ TEST_F(AVelad, ServesExactlyThePublishedMembersAsDictionaryInDictionaryOut) {
 
 TEST_F(AVelad, RefusesRequestsThatAreNotPropertyListDictionariesAndKeepsServing) {
   const bus::CallResult notADictionary = client_->callWithString(kHandsetActions, "GetLocusState", "state?");
-  EXPECT_EQ(notADictionary.errorName, bus::kInvalidArgsError);
+  EXPECT_EQ(notADictionary.errorName, daemon::kInvalidArgsError);
 
   const bus::CallResult unmappable = client_->callWithUnmappableValue(kHandsetActions, "StartListeningOnTopic");
-  EXPECT_EQ(unmappable.errorName, bus::kInvalidArgsError);
+  EXPECT_EQ(unmappable.errorName, daemon::kInvalidArgsError);
 
   EXPECT_TRUE(reply("GetLocusState").contains("state"));
 }
 
 TEST_F(AVelad, RefusesWronglyTypedArgumentsAndRecordsOfAnotherClass) {
-  EXPECT_EQ(call("EnableLocusInContext", {{"context", "seven"}}).errorName, bus::kInvalidArgsError);
+  EXPECT_EQ(call("EnableLocusInContext", {{"context", "seven"}}).errorName, daemon::kInvalidArgsError);
   // A context must fit the 32 bits the interface promises.
-  EXPECT_EQ(call("EnableLocusInContext", {{"context", std::int64_t{1} << 40}}).errorName, bus::kInvalidArgsError);
+  EXPECT_EQ(call("EnableLocusInContext", {{"context", std::int64_t{1} << 40}}).errorName, daemon::kInvalidArgsError);
   const VelaDictionary lostModeRecord{{"$class", "VelaLostModeInfo"}, {"message", "call me"}};
-  EXPECT_EQ(call("AddKithAccount", {{"account", lostModeRecord}}).errorName, bus::kInvalidArgsError);
-  EXPECT_EQ(call("AddKithAccount", {{"account", "not a record"}}).errorName, bus::kInvalidArgsError);
+  EXPECT_EQ(call("AddKithAccount", {{"account", lostModeRecord}}).errorName, daemon::kInvalidArgsError);
+  EXPECT_EQ(call("AddKithAccount", {{"account", "not a record"}}).errorName, daemon::kInvalidArgsError);
 
   // Nothing of a refused request takes effect.
   const VelaDictionary none = reply("RetrieveKithAccount");

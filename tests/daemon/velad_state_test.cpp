@@ -9,8 +9,8 @@
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
 
+#include "protocol/names.h"
 #include "records/archive_io.h"
-#include "records/vetting_names.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -59,7 +59,7 @@ TEST_F(AVelad, ReportsStableDistinctDeviceIdsAndCompleteAccounts) {
 }
 
 TEST_F(AVelad, SwitchesLocatingThroughATransitionalStateAndAnnouncesEachStep) {
-  const std::string center(records::kVetCenterName);
+  const std::string center(protocol::kClientNotifyCenter);
   ASSERT_EQ(client_->subscribeNotifications(center), 0);
   auto announcedState = [this]() -> std::optional<VelaValue> {
     const auto notification = client_->waitNotification();

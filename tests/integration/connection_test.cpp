@@ -40,7 +40,7 @@ TEST_F(AConnectionToVelad, ReportsAnAbsentServicePromptly) {
 }
 
 TEST_F(AConnectionToVelad, EndsACallPromptlyWhenTheDaemonDiesDuringIt) {
-  behave(member::kGetLocusDeviceId, "exit");
+  behave(member::kGetLocusDeviceId.name, "exit");
 
   std::optional<std::string> id;
   const auto took = timed([&] { id = session_->locusDeviceId(); });
@@ -56,9 +56,9 @@ TEST_F(AConnectionToVelad, EndsACallPromptlyWhenTheDaemonDiesDuringIt) {
 
 TEST_F(AConnectionToVelad, ReconnectsWhenTheDaemonIsKilledDuringACall) {
   // A call held by velad, then velad killed under it.
-  behave(member::kGetKithDeviceId, "never");
+  behave(member::kGetKithDeviceId.name, "never");
   auto pending = std::async(std::launch::async, [this] { return session_->kithDeviceId(); });
-  ASSERT_TRUE(control_->waitForCall(member::kGetKithDeviceId)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kGetKithDeviceId.name)) << control_->lastFailure();
   const auto killedAt = std::chrono::steady_clock::now();
   velad_->kill(SIGKILL);
 
@@ -71,7 +71,7 @@ TEST_F(AConnectionToVelad, ReconnectsWhenTheDaemonIsKilledDuringACall) {
 }
 
 TEST_F(AConnectionToVelad, TimesOutAfterFiveSecondsWhenTheDaemonNeverAnswers) {
-  behave(member::kEnableLocusInContext, "never");
+  behave(member::kEnableLocusInContext.name, "never");
   std::optional<VelaError> error;
   const auto took = timed([&] { error = session_->enableLocusInContext(3); });
   expectTimedOut(error);
@@ -84,9 +84,9 @@ TEST_F(AConnectionToVelad, DropsAReplyThatArrivesAfterTheTimeLimit) {
   // The late reply lands while a second call is in flight; the slots it would
   // have filled belong to a call that is over.
   ASSERT_TRUE(
-      control_->setBehavior(member::kGetLocusDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 5500ms}));
+      control_->setBehavior(member::kGetLocusDeviceId.name, VeladControl::Behavior{.mode = "delay", .delay = 5500ms}));
   ASSERT_TRUE(
-      control_->setBehavior(member::kGetKithDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 1500ms}));
+      control_->setBehavior(member::kGetKithDeviceId.name, VeladControl::Behavior{.mode = "delay", .delay = 1500ms}));
 
   EXPECT_FALSE(session_->locusDeviceId());
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
@@ -137,9 +137,9 @@ TEST_F(AConnectionToVelad, ServesManyThreadsAtOnce) {
 TEST_F(AConnectionToVelad, AnswersOtherCallersWhileOneWaitsOutTheTimeLimit) {
   const auto expected = session_->kithDeviceId();  // the connection is up before the caller that waits
   ASSERT_TRUE(expected);
-  behave(member::kEnableLocusInContext, "never");
+  behave(member::kEnableLocusInContext.name, "never");
   auto stuck = std::async(std::launch::async, [this] { return session_->enableLocusInContext(2); });
-  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext.name)) << control_->lastFailure();
 
   const auto took = timed([&] {
     for (int i = 0; i < 20; ++i) EXPECT_EQ(session_->kithDeviceId(), expected);
@@ -151,8 +151,10 @@ TEST_F(AConnectionToVelad, AnswersOtherCallersWhileOneWaitsOutTheTimeLimit) {
 
 TEST_F(AConnectionToVelad, RunsCompletionsOnItsOwnThreadWhenACallerReadsTheirReplies) {
   // The completion's reply arrives while a synchronous caller reads the bus.
-  ASSERT_TRUE(control_->setBehavior(member::kGetLocusState, VeladControl::Behavior{.mode = "delay", .delay = 200ms}));
-  ASSERT_TRUE(control_->setBehavior(member::kGetKithDeviceId, VeladControl::Behavior{.mode = "delay", .delay = 600ms}));
+  ASSERT_TRUE(
+      control_->setBehavior(member::kGetLocusState.name, VeladControl::Behavior{.mode = "delay", .delay = 200ms}));
+  ASSERT_TRUE(
+      control_->setBehavior(member::kGetKithDeviceId.name, VeladControl::Behavior{.mode = "delay", .delay = 600ms}));
   std::promise<std::thread::id> ranOn;
   session_->locusStateWithCompletion([&ranOn](std::int32_t /*state*/, const std::optional<VelaError>& /*error*/) {
     ranOn.set_value(std::this_thread::get_id());
@@ -172,9 +174,9 @@ TEST_F(AConnectionToVelad, RunsCompletionsOnItsOwnThreadWhenACallerReadsTheirRep
 
 TEST_F(AConnectionToVelad, EndsAWaitingCallAtOnceWhenTheConnectionIsDestroyed) {
   ASSERT_TRUE(session_->locusDeviceId());  // the connection is up before the caller that waits
-  behave(member::kEnableLocusInContext, "never");
+  behave(member::kEnableLocusInContext.name, "never");
   auto stuck = std::async(std::launch::async, [this] { return timed([this] { session_->enableLocusInContext(2); }); });
-  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext.name)) << control_->lastFailure();
 
   session_->_destroyLinkConnection();
   EXPECT_LT(stuck.get(), 2500ms);
@@ -182,11 +184,11 @@ TEST_F(AConnectionToVelad, EndsAWaitingCallAtOnceWhenTheConnectionIsDestroyed) {
 }
 
 TEST_F(AConnectionToVelad, FailsTheCallsOfADestroyedSessionWithoutTouchingIt) {
-  behave(member::kGetLocusState, "never");
+  behave(member::kGetLocusState.name, "never");
   std::promise<std::int32_t> answered;
   session_->locusStateWithCompletion(
       [&answered](std::int32_t state, const std::optional<VelaError>& /*error*/) { answered.set_value(state); });
-  ASSERT_TRUE(control_->waitForCall(member::kGetLocusState)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kGetLocusState.name)) << control_->lastFailure();
 
   // The last reference goes while the request is in flight: the completion
   // learns of the failure; nothing touches the freed session.

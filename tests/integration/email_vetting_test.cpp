@@ -8,16 +8,16 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/bus/test_bus_client.h"
 #include "platform/notify/notification_center.h"
-#include "records/vetting_names.h"
+#include "protocol/names.h"
 #include "session_fixture.h"
+#include "test_bus_client.h"
 #include "velactl_runner.h"
 
 namespace vela::testing {
 namespace {
 
-namespace names = records;
+namespace names = protocol;
 using namespace std::chrono_literals;
 
 struct DelegateCall {
@@ -84,7 +84,7 @@ class EmailVetting : public ASessionWithVelad {
 
   // A notification from velad, to every listener.
   void post(std::string_view name, std::optional<VelaDictionary> userInfo = std::nullopt) {
-    ASSERT_TRUE(control_->postNotification(names::kVetCenterName, name, userInfo)) << control_->lastFailure();
+    ASSERT_TRUE(control_->postNotification(protocol::kClientNotifyCenter, name, userInfo)) << control_->lastFailure();
   }
 
   // Returns once everything velad posted before now has been delivered and
@@ -162,14 +162,14 @@ TEST_F(EmailVetting, ANilAccountIsRefusedWithoutSideEffects) {
   EXPECT_EQ(error->failureReason(), "account is nil");
   EXPECT_EQ(lastResult(), VelaErrorCodeAccountIsNil);
   EXPECT_EQ(session_->center(), nullptr);
-  EXPECT_TRUE(callsTo(member::kVetEmailAccount).empty());
+  EXPECT_TRUE(callsTo(member::kVetEmailAccount.name).empty());
 }
 
 TEST_F(EmailVetting, ACancelSilencesALaterFinish) {
   script({});
   EXPECT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
   EXPECT_EQ(session_->cancelEmailVet(), std::nullopt);
-  EXPECT_EQ(callsTo(member::kCancelEmailVet).size(), 1U);
+  EXPECT_EQ(callsTo(member::kCancelEmailVet.name).size(), 1U);
   post(names::kVetFinishedNotification);
   settle();
   EXPECT_TRUE(delegate_->calls().empty());
@@ -208,10 +208,10 @@ TEST_F(EmailVetting, IgnoresNotificationsFromAProcessThatDoesNotOwnTheServiceNam
   EXPECT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
   auto impostor = bus::TestBusClient::open(bus::BusKind::kSystem);
   ASSERT_NE(impostor, nullptr);
-  ASSERT_EQ(
-      impostor->postNotification(names::kVetCenterName, names::kVetResultsFoundNotification, {{"Results", "forged"}}),
-      0);
-  ASSERT_EQ(impostor->postNotification(names::kVetCenterName, names::kVetFinishedNotification, {}), 0);
+  ASSERT_EQ(impostor->postNotification(protocol::kClientNotifyCenter, names::kVetResultsFoundNotification,
+                                       {{"Results", "forged"}}),
+            0);
+  ASSERT_EQ(impostor->postNotification(protocol::kClientNotifyCenter, names::kVetFinishedNotification, {}), 0);
   post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "genuine"}});
   ASSERT_TRUE(delegate_->waitForCalls(1));
   settle();
@@ -221,7 +221,7 @@ TEST_F(EmailVetting, IgnoresNotificationsFromAProcessThatDoesNotOwnTheServiceNam
 }
 
 TEST_F(EmailVetting, ARequestThatTimedOutStillHearsLaterResults) {
-  behave(member::kVetEmailAccount, "never");
+  behave(member::kVetEmailAccount.name, "never");
   expectTimedOut(session_->vetEmailAccount("a@b.c"));
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
   post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "late"}});

@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using AFriendsAccount = ASessionWithVelad;
-namespace key = session::wire::key;
+namespace key = protocol::key;
 
 constexpr std::string_view kDaemonDomain = "com.zentrex.VelaNotification.daemon";
 constexpr std::int64_t kUnknownKithAccount = 2;
@@ -91,7 +91,7 @@ TEST_F(AFriendsAccount, HandsBackRecordAndErrorIndependently) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    answerWith(member::kRetrieveKithAccount, c.values, c.error);
+    answerWith(member::kRetrieveKithAccount.name, c.values, c.error);
     auto read = staleRecord();
     const auto error = session_->retrieveKithAccount(read);
     EXPECT_EQ(error, c.error);
@@ -106,7 +106,7 @@ TEST_F(AFriendsAccount, HandsBackRecordAndErrorIndependently) {
 }
 
 TEST_F(AFriendsAccount, GivesUpOnASilentDaemonAfterFiveSecondsAndWritesNil) {
-  behave(member::kRetrieveKithAccount, "never");
+  behave(member::kRetrieveKithAccount.name, "never");
   auto read = staleRecord();
   std::optional<VelaError> error;
   const auto took = timed([&] { error = session_->retrieveKithAccount(read); });

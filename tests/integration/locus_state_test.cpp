@@ -37,7 +37,7 @@ std::pair<bool, std::optional<VelaError>> readInProgress(VelaNotifySession& sess
 
 TEST_F(ALocatingSession, CountsOnlyOneAndTwoAsSettled) {
   for (const std::int32_t state : {0, 1, 2, 3, 4, 5, -1, INT32_MAX}) {
-    answerWith(member::kGetLocusState, {{"state", state}});
+    answerWith(member::kGetLocusState.name, {{"state", state}});
     const auto [inProgress, error] = readInProgress(*session_);
     EXPECT_EQ(inProgress, state != 1 && state != 2) << "state " << state;
     EXPECT_FALSE(error);
@@ -46,7 +46,7 @@ TEST_F(ALocatingSession, CountsOnlyOneAndTwoAsSettled) {
 
 TEST_F(ALocatingSession, ReportsNoChangeInProgressAlongsideAnError) {
   for (const std::int32_t state : {0, 1, 3}) {
-    answerWith(member::kGetLocusState, {{"state", state}}, VelaError("d", 9));
+    answerWith(member::kGetLocusState.name, {{"state", state}}, VelaError("d", 9));
     const auto [inProgress, error] = readInProgress(*session_);
     EXPECT_FALSE(inProgress);
     ASSERT_TRUE(error);
@@ -73,7 +73,7 @@ TEST_F(ALocatingSession, HandsStateFourAndTheErrorToTheCompletionWhenTheDaemonIs
 TEST_F(ALocatingSession, StillSendsTheRequestWithoutACompletion) {
   ASSERT_TRUE(control_->clearCallLog());
   session_->locusStateWithCompletion(nullptr);
-  ASSERT_TRUE(control_->waitForCall(member::kGetLocusState)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kGetLocusState.name)) << control_->lastFailure();
 }
 
 TEST_F(ALocatingSession, MovesThroughAChangeBeforeSettling) {

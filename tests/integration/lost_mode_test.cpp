@@ -143,7 +143,7 @@ TEST_F(LostMode, ShowsWhatVeladWroteOnEnableAndClearsItOnDisable) {
   EXPECT_EQ(session_->lostModeParams(), std::nullopt);
 
   session_->disableLostMode();
-  waitUntilVeladHandled(member::kDisableLostMode);
+  waitUntilVeladHandled(member::kDisableLostMode.name);
   EXPECT_FALSE(session_->lostModeIsActive());
   EXPECT_EQ(VelaPreferencesUtil::objectForKey(kLocusEntry, publicDomain()), std::nullopt);
 }
@@ -154,24 +154,24 @@ TEST_F(LostMode, KeepsVeladServingWhenItCannotWriteTheStore) {
   velad_->restart();
   EXPECT_EQ(session_->enableLostModeWithInfo(record("m", "n")), std::nullopt);
   session_->disableLostMode();
-  waitUntilVeladHandled(member::kDisableLostMode);
+  waitUntilVeladHandled(member::kDisableLostMode.name);
   EXPECT_TRUE(session_->locusDeviceId().has_value()) << "velad stopped serving";
 }
 
 TEST_F(LostMode, DisableClearsAnEarlierRunsEntryAndLeavesThePreviousResult) {
   store(kLocusEntry, publicDomain(), entry(true, "from before velad restarted", "555"));
-  behave(member::kGetKithDeviceId, "malformed");
+  behave(member::kGetKithDeviceId.name, "malformed");
   EXPECT_EQ(session_->kithDeviceId(), std::nullopt);
   ASSERT_EQ(lastResult(), 106);
   session_->disableLostMode();
   EXPECT_EQ(lastResult(), 106);
-  waitUntilVeladHandled(member::kDisableLostMode);
+  waitUntilVeladHandled(member::kDisableLostMode.name);
   EXPECT_EQ(lastResult(), 106);
   EXPECT_FALSE(session_->lostModeIsActive());
 }
 
 TEST_F(LostMode, EnableTimesOutAgainstADaemonThatNeverAnswers) {
-  behave(member::kEnableLostModeWithInfo, "never");
+  behave(member::kEnableLostModeWithInfo.name, "never");
   std::optional<VelaError> error;
   const auto took = timed([&] { error = session_->enableLostModeWithInfo(record("m", "n")); });
   expectTimedOut(error);
@@ -209,7 +209,7 @@ TEST_F(LostMode, IsSwitchedAndReadThroughVelactl) {
   // velactl exits right after a request it does not wait for; the request
   // must still have left.
   EXPECT_EQ(velactl("disable-lost-mode").exitCode, 0);
-  waitUntilVeladHandled(member::kDisableLostMode);
+  waitUntilVeladHandled(member::kDisableLostMode.name);
   run = velactl("lost-mode-is-active");
   EXPECT_EQ(run.output["result"], false);
   EXPECT_TRUE(velactl("lost-mode-info").output["result"].is_null());

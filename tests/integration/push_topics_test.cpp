@@ -7,7 +7,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using AFireAndForgetRequest = ASessionWithVelad;
-namespace key = session::wire::key;
+namespace key = protocol::key;
 
 TEST_F(AFireAndForgetRequest, ReachesTheDaemonWithItsArgumentUnchanged) {
   ASSERT_TRUE(control_->clearCallLog());
@@ -18,15 +18,15 @@ TEST_F(AFireAndForgetRequest, ReachesTheDaemonWithItsArgumentUnchanged) {
   session_->dumpDebugInfo("all");
   // Requests leave in order on one connection, so the last one arriving
   // means the others did.
-  ASSERT_TRUE(control_->waitForCall(member::kDumpDebugInfo)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kDumpDebugInfo.name)) << control_->lastFailure();
 
-  const auto started = callsTo(member::kStartListeningOnTopic);
+  const auto started = callsTo(member::kStartListeningOnTopic.name);
   ASSERT_EQ(started.size(), 1U);
   EXPECT_EQ(started[0].args, (VelaDictionary{{std::string(key::kTopic), ""}}));
-  const auto stopped = callsTo(member::kStopListeningOnTopic);
+  const auto stopped = callsTo(member::kStopListeningOnTopic.name);
   ASSERT_EQ(stopped.size(), 1U);
   EXPECT_TRUE(stopped[0].args.empty()) << "nil travels as an absent key";
-  EXPECT_EQ(callsTo(member::kDumpDebugInfo)[0].args, (VelaDictionary{{std::string(key::kArgument), "all"}}));
+  EXPECT_EQ(callsTo(member::kDumpDebugInfo.name)[0].args, (VelaDictionary{{std::string(key::kArgument), "all"}}));
 }
 
 TEST_F(AFireAndForgetRequest, ReturnsAtOnceAndSilentlyWhenTheDaemonIsGone) {
@@ -42,10 +42,10 @@ TEST_F(AFireAndForgetRequest, ReturnsAtOnceAndSilentlyWhenTheDaemonIsGone) {
 }
 
 TEST_F(AFireAndForgetRequest, DoesNotWaitForADaemonThatNeverAnswers) {
-  behave(member::kStartListeningOnTopic, "never");
+  behave(member::kStartListeningOnTopic.name, "never");
   const auto took = timed([&] { session_->startListeningOnTopic("news"); });
   EXPECT_LT(took, 1s);
-  ASSERT_TRUE(control_->waitForCall(member::kStartListeningOnTopic)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kStartListeningOnTopic.name)) << control_->lastFailure();
 }
 
 }  // namespace

@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ARegionEvent = ASessionWithVelad;
-namespace key = session::wire::key;
+namespace key = protocol::key;
 
 class Region final : public GeoRegion {
  public:
@@ -39,16 +39,16 @@ TEST_F(ARegionEvent, ReachesVeladAsTheIdentifierAndTheSevenLocationValues) {
   session_->didEnterKithRegion(&home, &arrival);
   session_->didExitKithRegion(&work, &departure);
   // One connection keeps the order: the exit arriving means the entry did.
-  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion.name)) << control_->lastFailure();
 
-  const auto entered = callsTo(member::kDidEnterKithRegion);
+  const auto entered = callsTo(member::kDidEnterKithRegion.name);
   ASSERT_EQ(entered.size(), 1U);
   EXPECT_EQ(entered[0].args.at(std::string(key::kRegionIdentifier)), VelaValue("home"));
   const auto enteredAt = loggedLocation(entered[0]);
   ASSERT_TRUE(enteredAt);
   EXPECT_EQ(asLocation(*enteredAt), arrival);
 
-  const auto exited = callsTo(member::kDidExitKithRegion);
+  const auto exited = callsTo(member::kDidExitKithRegion.name);
   ASSERT_EQ(exited.size(), 1U);
   EXPECT_EQ(exited[0].args.at(std::string(key::kRegionIdentifier)), VelaValue("work"));
   const auto exitedAt = loggedLocation(exited[0]);
@@ -61,10 +61,10 @@ TEST_F(ARegionEvent, SendsANilIdentifierAsNilAndANilLocationAsAnEmptyRecord) {
   const Region unnamed(std::nullopt);
   session_->didEnterKithRegion(&unnamed, nullptr);
   session_->didExitKithRegion(nullptr, nullptr);
-  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion.name)) << control_->lastFailure();
 
-  const auto entered = callsTo(member::kDidEnterKithRegion);
-  const auto exited = callsTo(member::kDidExitKithRegion);
+  const auto entered = callsTo(member::kDidEnterKithRegion.name);
+  const auto exited = callsTo(member::kDidExitKithRegion.name);
   ASSERT_EQ(entered.size(), 1U);
   ASSERT_EQ(exited.size(), 1U);
   for (const auto& call : {entered[0], exited[0]}) {
@@ -85,7 +85,7 @@ TEST_F(ARegionEvent, LeavesTheLastResultAtZeroAfterAFailedOperation) {
     ((*session_).*event)(&home, &here);
     EXPECT_EQ(lastResult(), 0);
   }
-  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion)) << control_->lastFailure();
+  ASSERT_TRUE(control_->waitForCall(member::kDidExitKithRegion.name)) << control_->lastFailure();
 }
 
 TEST_F(ARegionEvent, ReturnsPromptlyAndSilentlyWithNoDaemon) {

@@ -6,12 +6,12 @@ namespace vela::testing {
 namespace {
 
 using ACallToVelad = ASessionWithVelad;
-namespace key = session::wire::key;
+namespace key = protocol::key;
 
 const VelaError kDaemonError("com.example.daemon", 3, {{"failureReason", "not now"}});
 
 TEST_F(ACallToVelad, ReturnsTheDaemonErrorOfAnErrorOnlyOperationAsItCame) {
-  answerWith(member::kEnableLocusInContext, {}, kDaemonError);
+  answerWith(member::kEnableLocusInContext.name, {}, kDaemonError);
   EXPECT_EQ(session_->enableLocusInContext(1), kDaemonError);
   EXPECT_EQ(lastResult(), 3);
 
@@ -22,34 +22,34 @@ TEST_F(ACallToVelad, ReturnsTheDaemonErrorOfAnErrorOnlyOperationAsItCame) {
 }
 
 TEST_F(ACallToVelad, KeepsOnlyTheCodeOfADaemonErrorThatCameWithoutAValue) {
-  answerWith(member::kGetLocusDeviceId, {}, kDaemonError);
+  answerWith(member::kGetLocusDeviceId.name, {}, kDaemonError);
   EXPECT_EQ(session_->locusDeviceId(), std::nullopt);
   EXPECT_EQ(lastResult(), 3);
 }
 
 TEST_F(ACallToVelad, ReturnsAValueThatCameTogetherWithAnError) {
-  answerWith(member::kGetLocusDeviceId, {{std::string(key::kDeviceId), "device-7"}}, kDaemonError);
+  answerWith(member::kGetLocusDeviceId.name, {{std::string(key::kDeviceId), "device-7"}}, kDaemonError);
   EXPECT_EQ(session_->locusDeviceId(), "device-7");
   EXPECT_EQ(lastResult(), 3);
 }
 
 TEST_F(ACallToVelad, TellsANilReplyFromAnEmptyOne) {
-  answerWith(member::kGetLocusDeviceId, {});
+  answerWith(member::kGetLocusDeviceId.name, {});
   EXPECT_EQ(session_->locusDeviceId(), std::nullopt);
   EXPECT_EQ(lastResult(), 0);
 
-  answerWith(member::kGetLocusDeviceId, {{std::string(key::kDeviceId), ""}});
+  answerWith(member::kGetLocusDeviceId.name, {{std::string(key::kDeviceId), ""}});
   EXPECT_EQ(session_->locusDeviceId(), std::optional<std::string>(""));
   EXPECT_EQ(lastResult(), 0);
 }
 
 TEST_F(ACallToVelad, SendsNilAsAnAbsentKeyAndEmptyAsAnEmptyString) {
-  answerWith(member::kDisableLocusUsingToken, {});
+  answerWith(member::kDisableLocusUsingToken.name, {});
   ASSERT_TRUE(control_->clearCallLog());
   EXPECT_EQ(session_->disableLocusUsingToken(std::nullopt, 7), std::nullopt);
   EXPECT_EQ(session_->disableLocusUsingToken("", -2), std::nullopt);
 
-  const auto calls = callsTo(member::kDisableLocusUsingToken);
+  const auto calls = callsTo(member::kDisableLocusUsingToken.name);
   ASSERT_EQ(calls.size(), 2U);
   EXPECT_EQ(calls[0].args, (VelaDictionary{{std::string(key::kContext), 7}}));
   EXPECT_EQ(calls[1].args, (VelaDictionary{{std::string(key::kToken), ""}, {std::string(key::kContext), -2}}));
@@ -67,7 +67,7 @@ void PrintTo(const UndecodableReply& param, std::ostream* os) { *os << param.nam
 class AnUndecodableReply : public ASessionWithVelad, public ::testing::WithParamInterface<UndecodableReply> {};
 
 TEST_P(AnUndecodableReply, IsReportedAsATransportFailure) {
-  answerWith(member::kGetLocusAccount, GetParam().values);
+  answerWith(member::kGetLocusAccount.name, GetParam().values);
   EXPECT_EQ(session_->locusAccount(), std::nullopt);
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
 }
@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ACallToVelad, TreatsAReplyOfTheWrongSignatureAsATransportFailure) {
-  behave(member::kGetStoreAccount, "malformed");
+  behave(member::kGetStoreAccount.name, "malformed");
   EXPECT_EQ(session_->storeAccount(), std::nullopt);
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
   // The connection is still good for the next call.
@@ -95,7 +95,7 @@ TEST_F(ACallToVelad, TreatsAReplyOfTheWrongSignatureAsATransportFailure) {
 }
 
 TEST_F(ACallToVelad, KeepsAHalfKnownAccountFromTheCaller) {
-  answerWith(member::kGetLocusAccount, {{"username", "u1"}}, VelaError("d", 5));
+  answerWith(member::kGetLocusAccount.name, {{"username", "u1"}}, VelaError("d", 5));
   EXPECT_EQ(session_->locusAccount(), std::nullopt);
   EXPECT_EQ(lastResult(), 5);
 
@@ -105,7 +105,7 @@ TEST_F(ACallToVelad, KeepsAHalfKnownAccountFromTheCaller) {
 }
 
 TEST_F(ACallToVelad, BuildsEveryAccountFromTheLocatingAccount) {
-  answerWith(member::kGetLocusAccount, {{"username", "u1"}, {"personID", "p1"}}, VelaError("d", 5));
+  answerWith(member::kGetLocusAccount.name, {{"username", "u1"}, {"personID", "p1"}}, VelaError("d", 5));
   EXPECT_EQ(session_->locusAccount(), (VelaDictionary{{"username", "u1"}, {"personID", "p1"}}));
   EXPECT_EQ(lastResult(), 5);
 

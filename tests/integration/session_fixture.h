@@ -11,12 +11,12 @@
 
 #include "printers.h"
 #include "private_bus.h"
-#include "session/handset_wire.h"
+#include "protocol/members.h"
 #include "velad_control.h"
 
 namespace vela::testing {
 
-namespace member = session::wire::member;
+namespace member = protocol::member;
 
 // A private bus, a real velad in testing mode, a way to make velad misbehave,
 // and a session. Every test runs in its own process, so the process-wide

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: MIT
 // Property-list values through real D-Bus messages: what they decode back to
 // and how they are typed on the wire.
+#include <array>
 #include <cmath>
 #include <limits>
 
 #include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
 
-#include "platform/bus/codec_probe.h"
+#include "codec_probe.h"
 #include "printers.h"
 #include "private_bus.h"
-#include "session/handset_wire.h"
+#include "protocol/daemon_error.h"
+#include "protocol/members.h"
 
 namespace vela::testing {
 namespace {
@@ -60,21 +63,50 @@ TEST_P(AWireValue, TravelsAsItsTypeAndComesBackEqual) {
 INSTANTIATE_TEST_SUITE_P(EveryType, AWireValue, ::testing::ValuesIn(kWireCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(TheBusCodec, TypesTheContractsThirtyTwoBitKeysAsInt32AtAnyDepth) {
-  const bus::WireHints hints{session::wire::kInt32Keys};
+TEST_F(TheBusCodec, TypesDescribedThirtyTwoBitKeysAsInt32AtAnyDepth) {
+  const std::array<protocol::Fields, 1> described{protocol::fields::kKithAccount};
   const VelaDictionary sent{
-      {"context", 7},
-      {"other", 7},
-      {"account", VelaDictionary{{"$class", "VelaKithAccountInfo"}, {"appAuthTokenStatus", -3}}},
-      {"state", std::int64_t{1} << 40},  // does not fit: stays 64-bit rather than being cut
+      {"account", VelaDictionary{{"$class", "VelaKithAccountInfo"},
+                                 {"appAuthTokenStatus", -3},
+                                 {"additionalInfo", VelaDictionary{{"appAuthTokenStatus", 4}}}}},
+      {"context", 7},  // not a key of this member: the default mapping
   };
-  const auto trip = probe_->roundTrip(sent, hints);
+  const auto trip = probe_->roundTrip(sent, described);
   ASSERT_EQ(trip.encodeResult, 0);
-  EXPECT_EQ(trip.wireTypes.at("context"), "i");
-  EXPECT_EQ(trip.wireTypes.at("other"), "x");
-  EXPECT_EQ(trip.wireTypes.at("state"), "x");
+  EXPECT_EQ(trip.wireTypes.at("account.appAuthTokenStatus"), "i");
+  EXPECT_EQ(trip.wireTypes.at("account.additionalInfo.appAuthTokenStatus"), "x") << "free-form values keep x";
+  EXPECT_EQ(trip.wireTypes.at("context"), "x");
   ASSERT_TRUE(trip.decoded);
   EXPECT_EQ(*trip.decoded, sent) << "decoding widens every integer type back";
+
+  const std::array<protocol::Fields, 1> contextDescribed{protocol::fields::kContext};
+  const auto tooWide = probe_->roundTrip({{"context", std::int64_t{1} << 40}}, contextDescribed);
+  EXPECT_EQ(tooWide.wireTypes.at("context"), "x") << "a number that does not fit is sent whole, not cut";
+}
+
+// A newer daemon may add keys; a client must go on reading the keys it knows,
+// whatever the new ones hold, and stay strict about its own.
+TEST_F(TheBusCodec, ReadsOnlyDescribedKeysAndSkipsOthersWhateverTheirType) {
+  const std::array<protocol::Fields, 2> reply{protocol::fields::kKithAccount,
+                                              protocol::Fields(&protocol::kDaemonErrorField, 1)};
+  const VelaDictionary account{{"$class", "VelaKithAccountInfo"}, {"username", "bob"}};
+  // An object path, an unsigned number past the signed range and a struct of
+  // no property-list shape, beside the record and inside it.
+  auto build = [](sd_bus_message* m) {
+    return sd_bus_message_append(m, "a{sv}", 4, "account", "a{sv}", 3, "$class", "s", "VelaKithAccountInfo", "username",
+                                 "s", "bob", "newField", "o", "/new", "extra", "o", "/x", "big", "t",
+                                 std::uint64_t{1} << 63, "pair", "(ss)", "a", "b");
+  };
+  const auto trip = probe_->decode(build, reply, /*onlyDescribed=*/true);
+  ASSERT_TRUE(trip.decoded) << trip.whyNot;
+  EXPECT_EQ(*trip.decoded, (VelaDictionary{{"account", account}}));
+
+  const auto whole = probe_->decode(build, reply, /*onlyDescribed=*/false);
+  EXPECT_FALSE(whole.decoded) << "reading everything stays strict";
+
+  const auto wrongType = probe_->roundTrip({{"account", "not a record"}, {"unread", VelaArray{}}}, reply, true);
+  ASSERT_TRUE(wrongType.decoded) << "the typed reader, not the codec, refuses the wrong type";
+  EXPECT_EQ(wrongType.decoded->count("unread"), 0U);
 }
 
 TEST_F(TheBusCodec, RefusesStringsThatDBusCannotCarry) {

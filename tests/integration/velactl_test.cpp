@@ -30,7 +30,7 @@ TEST_F(Velactl, PrintsOneObjectWithResultErrorAndLastResult) {
 }
 
 TEST_F(Velactl, ReportsTheDaemonErrorOfASwitch) {
-  answerWith(member::kEnableLocusInContext, {}, VelaError("com.example.d", 12, {{"failureReason", "busy"}}));
+  answerWith(member::kEnableLocusInContext.name, {}, VelaError("com.example.d", 12, {{"failureReason", "busy"}}));
   const VelactlRun run = velactl("enable-locus --context 2");
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_TRUE(run.output["result"].is_null());
@@ -40,11 +40,11 @@ TEST_F(Velactl, ReportsTheDaemonErrorOfASwitch) {
 }
 
 TEST_F(Velactl, TellsALeftOutOptionFromAnEmptyOne) {
-  answerWith(member::kDisableLocusUsingToken, {});
+  answerWith(member::kDisableLocusUsingToken.name, {});
   ASSERT_TRUE(control_->clearCallLog());
   EXPECT_EQ(velactl("disable-locus").exitCode, 0);
   EXPECT_EQ(velactl("disable-locus --token ''").exitCode, 0);
-  const auto calls = callsTo(member::kDisableLocusUsingToken);
+  const auto calls = callsTo(member::kDisableLocusUsingToken.name);
   ASSERT_EQ(calls.size(), 2U);
   EXPECT_FALSE(calls[0].args.contains("token"));
   EXPECT_EQ(calls[1].args.at("token"), VelaValue(""));
@@ -105,7 +105,7 @@ TEST_F(Velactl, DeliversRegionEventsWithEveryLocationValue) {
             0);
   EXPECT_EQ(velactl("did-exit-kith-region").exitCode, 0);
 
-  const auto entered = callsTo(member::kDidEnterKithRegion);
+  const auto entered = callsTo(member::kDidEnterKithRegion.name);
   ASSERT_EQ(entered.size(), 1U);
   EXPECT_EQ(entered[0].args, (VelaDictionary{{"regionIdentifier", "home"},
                                              {"location", VelaDictionary{{"$class", "VelaGeoLocation"},
@@ -117,7 +117,7 @@ TEST_F(Velactl, DeliversRegionEventsWithEveryLocationValue) {
                                                                          {"course", 90.0},
                                                                          {"speed", 1.5},
                                                                          {"timestamp", VelaDate{1700000000.5}}}}}));
-  const auto exited = callsTo(member::kDidExitKithRegion);
+  const auto exited = callsTo(member::kDidExitKithRegion.name);
   ASSERT_EQ(exited.size(), 1U);
   EXPECT_FALSE(exited[0].args.contains("regionIdentifier"));
   EXPECT_FALSE(exited[0].args.at("location").asDictionary()->contains("timestamp"));

@@ -8,7 +8,7 @@ namespace vela::testing {
 namespace {
 
 using ARecordOnTheWire = ASessionWithVelad;
-namespace key = session::wire::key;
+namespace key = protocol::key;
 
 // The shared sample with a non-dictionary extra: the record keeps whatever
 // property list the daemon sends.
@@ -37,7 +37,7 @@ TEST_F(ARecordOnTheWire, ReachesTheDaemonWithEveryField) {
   exchange.proxy->addKithAccount(sent, [&](std::optional<VelaError>) { exchange.done->signal(); });
   ASSERT_TRUE(exchange.wait());
 
-  const auto calls = callsTo(member::kAddKithAccount);
+  const auto calls = callsTo(member::kAddKithAccount.name);
   ASSERT_EQ(calls.size(), 1U);
   const auto archived = calls[0].args.find(key::kAccount);
   ASSERT_NE(archived, calls[0].args.end());
@@ -51,7 +51,7 @@ TEST_F(ARecordOnTheWire, ComesBackFromTheDaemonWithEveryFieldAndNilFields) {
   sparse->setUsername("bo");
   sparse->setAppAuthTokenStatus(-1);
   for (const auto& expected : {fullAccount(), sparse}) {
-    answerWith(member::kRetrieveKithAccount, {{std::string(key::kAccount), records::archiveRecord(*expected)}});
+    answerWith(member::kRetrieveKithAccount.name, {{std::string(key::kAccount), records::archiveRecord(*expected)}});
     Exchange exchange(session_);
     std::shared_ptr<VelaKithAccountInfo> received;
     exchange.proxy->retrieveKithAccountUsingCallback([&](auto account, auto) {
@@ -77,14 +77,14 @@ TEST_F(ARecordOnTheWire, CarriesLocationsAndLostModeRecords) {
   exchange.proxy->enableLostModeWithInfo(lostMode, [&](auto) { exchange.done->signal(); });
   ASSERT_TRUE(exchange.wait());
 
-  const auto entered = callsTo(member::kDidEnterKithRegion);
+  const auto entered = callsTo(member::kDidEnterKithRegion.name);
   ASSERT_EQ(entered.size(), 1U);
   EXPECT_EQ(entered[0].args.at(std::string(key::kRegionIdentifier)), VelaValue("home"));
   auto receivedLocation = records::unarchiveRecord<VelaGeoLocation>(entered[0].args.at(std::string(key::kLocation)));
   ASSERT_TRUE(receivedLocation);
   EXPECT_EQ(static_cast<const GeoLocation&>(*receivedLocation), static_cast<const GeoLocation&>(*location));
 
-  const auto enabled = callsTo(member::kEnableLostModeWithInfo);
+  const auto enabled = callsTo(member::kEnableLostModeWithInfo.name);
   ASSERT_EQ(enabled.size(), 1U);
   auto receivedInfo = records::unarchiveRecord<VelaLostModeInfo>(enabled[0].args.at(std::string(key::kInfo)));
   ASSERT_TRUE(receivedInfo);
@@ -105,7 +105,7 @@ class ARefusedRecord : public ASessionWithVelad, public ::testing::WithParamInte
 // Whatever the daemon sends in place of an account, the reply closure never
 // sees a half-decoded record: the proxy's error handler runs instead.
 TEST_P(ARefusedRecord, FailsTheWholeReplyWithoutACrash) {
-  answerWith(member::kRetrieveKithAccount, {{std::string(key::kAccount), GetParam().archive}});
+  answerWith(member::kRetrieveKithAccount.name, {{std::string(key::kAccount), GetParam().archive}});
   Exchange exchange(session_);
   bool replied = false;
   exchange.proxy->retrieveKithAccountUsingCallback([&](auto, auto) {

@@ -3,14 +3,15 @@
 
 #include <algorithm>
 
-#include "session/reply_decoding.h"
+#include "protocol/daemon_error.h"
+#include "protocol/names.h"
 
 namespace vela::testing {
 
 namespace {
 
 // velad announces every call it logs on this center, as "CallLogged".
-constexpr std::string_view kCallLoggedCenter = bus::kTestingInterface;
+constexpr std::string_view kCallLoggedCenter = protocol::kTestingInterface;
 constexpr std::string_view kCallLoggedNotification = "CallLogged";
 
 }  // namespace
@@ -24,8 +25,8 @@ VeladControl::VeladControl(bus::BusKind kind) : client_(bus::TestBusClient::open
 
 std::optional<VelaDictionary> VeladControl::call(std::string_view member, const VelaDictionary& args) {
   if (!client_) return std::nullopt;
-  const bus::MethodTarget target{std::string(bus::kServiceName), std::string(bus::kObjectPath),
-                                 std::string(bus::kTestingInterface)};
+  const bus::MethodTarget target{std::string(protocol::kServiceName), std::string(protocol::kObjectPath),
+                                 std::string(protocol::kTestingInterface)};
   bus::CallResult result = client_->call(target, member, args);
   if (result.failed()) {
     lastFailure_ = std::string(member) + ": " + result.errorName + ": " + result.errorMessage;
@@ -41,7 +42,7 @@ std::optional<VelaDictionary> VeladControl::call(std::string_view member, const 
 bool VeladControl::setBehavior(std::string_view member, const Behavior& behavior) {
   VelaDictionary args{{"member", member}, {"mode", behavior.mode}};
   if (behavior.delay) args.insert_or_assign("delayMs", static_cast<std::int64_t>(behavior.delay->count()));
-  if (behavior.error) args.insert_or_assign("error", session::encodeDaemonError(*behavior.error));
+  if (behavior.error) args.insert_or_assign("error", protocol::encodeDaemonError(*behavior.error));
   if (behavior.values) args.insert_or_assign("values", *behavior.values);
   if (behavior.times) args.insert_or_assign("times", *behavior.times);
   return call("SetBehavior", args).has_value();

@@ -13,7 +13,7 @@
 #include <vela/VelaValue.h>
 
 #include "platform/bus/bus_names.h"
-#include "platform/bus/test_bus_client.h"
+#include "test_bus_client.h"
 
 namespace vela::testing {
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/bus/named_connection.h"
+#include "protocol/schema.h"
 
 namespace vela::bus {
 namespace detail {
@@ -62,8 +63,7 @@ struct Subscription {
 };
 
 struct Request {
-  std::string_view interface;  // static storage: the wire-name constants
-  std::string_view member;     // static storage: the wire-name constants
+  const protocol::Member* member = nullptr;  // static storage: the protocol's member table
   VelaDictionary args;
   ReplyHandler onReply;
   FailureHandler onFailure;
@@ -117,7 +117,6 @@ struct NamedConnection::Core {
   std::function<void()> interruptionHandler;  // set before resume
   std::function<void()> invalidationHandler;  // set before resume
   std::atomic<bool> defunct{false};           // an interruption or invalidation was reported
-  WireHints wireHints;                        // set before resume
 
   mutable std::mutex mutex;
   std::vector<detail::Request> requests;                        // guarded by mutex

@@ -16,6 +16,8 @@
 #include <systemd/sd-bus.h>
 
 #include "platform/bus/variant_codec.h"
+#include "protocol/daemon_error.h"
+#include "protocol/names.h"
 
 namespace vela::bus::detail {
 
@@ -82,7 +84,7 @@ struct Outcome {
   bool unreachable = false;  // the bus says the service cannot be reached
 };
 
-Outcome readOutcome(sd_bus_message* reply) {
+Outcome readOutcome(sd_bus_message* reply, const protocol::Member& member) {
   Outcome outcome;
   if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
     const sd_bus_error* error = sd_bus_message_get_error(reply);
@@ -93,7 +95,10 @@ Outcome readOutcome(sd_bus_message* reply) {
     return outcome;
   }
   std::string whyNot = "reply is not a{sv}";
-  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) outcome.reply = readDictionary(reply, &whyNot);
+  // Only the keys the member reads are decoded: a daemon that adds keys,
+  // whatever their type, still answers older clients.
+  const std::array<protocol::Fields, 2> described{member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) outcome.reply = readDescribedKeys(reply, described, &whyNot);
   if (!outcome.reply) outcome.failure = transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
   return outcome;
 }
@@ -222,6 +227,7 @@ class Loop {
   struct PendingCall {
     Loop* loop = nullptr;
     sd_bus_slot* slot = nullptr;
+    const protocol::Member* member = nullptr;
     CallKind kind = CallKind::kLoopOnly;
     std::shared_ptr<Waiter> waiter;  // the caller blocked on this call, if any
     ReplyHandler onReply;
@@ -467,7 +473,7 @@ class Loop {
       invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "bus connection lost"));
       return;
     }
-    fresh->callMethod(request.interface, request.member, std::move(request.args), std::move(request.onReply),
+    fresh->callMethod(*request.member, std::move(request.args), std::move(request.onReply),
                       std::move(request.onFailure));
   }
 
@@ -488,9 +494,11 @@ class Loop {
     }
     if (!busUsable()) return Started::kBusGone;
     sd_bus_message* message = nullptr;
-    int r = sd_bus_message_new_method_call(bus_, &message, core_->service.c_str(), kObjectPath.data(),
-                                           request.interface.data(), request.member.data());
-    if (r >= 0) r = appendDictionary(message, request.args, core_->wireHints);
+    // The names are the protocol's literals, NUL-terminated.
+    int r = sd_bus_message_new_method_call(bus_, &message, core_->service.c_str(), protocol::kObjectPath.data(),
+                                           protocol::kHandsetActionsInterface.data(), request.member->name.data());
+    const std::array<protocol::Fields, 1> described{request.member->request};
+    if (r >= 0) r = appendDictionary(message, request.args, described);
     if (r < 0) {
       sd_bus_message_unref(message);
       if (meansDisconnected(r)) return Started::kBusGone;
@@ -511,6 +519,7 @@ class Loop {
     raw->position = pending_.begin();
     raw->loop = this;
     raw->kind = kind;
+    raw->member = request.member;
     raw->waiter = std::move(waiter);
     raw->onReply = std::move(request.onReply);
     raw->onFailure = std::move(request.onFailure);
@@ -553,7 +562,7 @@ class Loop {
     sd_bus_slot_unref(raw->slot);
     PendingCall call = std::move(*raw);
     loop->pending_.erase(call.position);
-    Outcome outcome = readOutcome(reply);
+    Outcome outcome = readOutcome(reply, *call.member);
     if (call.kind == CallKind::kAnswerAnywhere) {
       loop->finish(call, std::move(outcome));
     } else {
@@ -625,11 +634,12 @@ class Loop {
     listener->loop = this;
     listener->center = subscription.center;
     listener->sink = std::move(subscription.sink);
-    const std::string path = notificationCenterPath(subscription.center);
+    const std::string path = protocol::notificationCenterPath(subscription.center);
     // No sender in the rule: unicast signals must match too, and the owner
     // is checked on arrival, which a well-known sender in a rule cannot do.
     if (sd_bus_match_signal_async(bus_, &listener->slot, nullptr, path.c_str(), subscription.center.c_str(),
-                                  kNotificationSignal.data(), &Loop::onNotification, nullptr, listener.get()) < 0) {
+                                  protocol::kNotificationSignal.data(), &Loop::onNotification, nullptr,
+                                  listener.get()) < 0) {
       return;
     }
     listeners_.emplace(std::move(subscription.center), std::move(listener));

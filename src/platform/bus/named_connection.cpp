@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -86,8 +87,6 @@ void NamedConnection::setInvalidationHandler(std::function<void()> handler) {
   core_->invalidationHandler = std::move(handler);
 }
 
-void NamedConnection::setWireHints(WireHints hints) { core_->wireHints = hints; }
-
 void NamedConnection::resume() {
   if (thread_.joinable()) return;
   if (core_->wakeFd < 0) {
@@ -112,22 +111,20 @@ bool NamedConnection::hasLoop() const noexcept { return belongsToThisProcess() &
 
 bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
 
-void NamedConnection::callMethod(std::string_view interface, std::string_view member, VelaDictionary args,
-                                 ReplyHandler onReply, FailureHandler onFailure,
-                                 std::shared_ptr<const Reconnect> reconnect) {
+void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply,
+                                 FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect) {
   if (!hasLoop()) {
     invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
     return;
   }
   core_->post([&] {
-    core_->requests.push_back(detail::Request{interface, member, std::move(args), std::move(onReply),
-                                              std::move(onFailure), std::move(reconnect)});
+    core_->requests.push_back(
+        detail::Request{&member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)});
   });
 }
 
-NamedConnection::Delivery NamedConnection::callMethodAndWait(std::string_view interface, std::string_view member,
-                                                             VelaDictionary args, ReplyHandler onReply,
-                                                             FailureHandler onFailure,
+NamedConnection::Delivery NamedConnection::callMethodAndWait(const protocol::Member& member, VelaDictionary args,
+                                                             ReplyHandler onReply, FailureHandler onFailure,
                                                              std::shared_ptr<const Reconnect> reconnect,
                                                              std::chrono::steady_clock::time_point deadline) {
   const bool mayRead = hasLoop() && core_->readerWakeFd >= 0 && detail::loopOfThisThread != core_.get() && onReply;
@@ -135,14 +132,48 @@ NamedConnection::Delivery NamedConnection::callMethodAndWait(std::string_view in
     std::unique_lock busLock(core_->busMutex);
     // Work still queued for the connection's thread goes first, in order.
     if (core_->loop != nullptr && core_->queueEmpty()) {
-      return detail::callAndWait(*core_->loop,
-                                 detail::Request{interface, member, std::move(args), std::move(onReply),
-                                                 std::move(onFailure), std::move(reconnect)},
-                                 deadline, busLock);
+      return detail::callAndWait(
+          *core_->loop,
+          detail::Request{&member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)},
+          deadline, busLock);
     }
   }
-  callMethod(interface, member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect));
+  callMethod(member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect));
   return Delivery::kPending;
+}
+
+NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
+                                                   std::shared_ptr<const Reconnect> reconnect,
+                                                   std::chrono::steady_clock::time_point deadline) {
+  struct Slot {
+    std::mutex mutex;
+    std::condition_variable answered;
+    bool done = false;    // guarded by mutex
+    CallOutcome outcome;  // guarded by mutex
+    void finish(CallOutcome given) {
+      {
+        std::lock_guard lock(mutex);
+        if (done) return;
+        done = true;
+        outcome = std::move(given);
+      }
+      answered.notify_all();
+    }
+  };
+  auto slot = std::make_shared<Slot>();
+  const Delivery delivery = callMethodAndWait(
+      member, std::move(args),
+      [slot](VelaDictionary reply) {
+        slot->finish(CallOutcome{std::move(reply), {}});
+      },
+      [slot](const VelaError& error) {
+        slot->finish(CallOutcome{{}, error});
+      },
+      std::move(reconnect), deadline);
+  std::unique_lock lock(slot->mutex);
+  if (delivery == Delivery::kPending) slot->answered.wait_until(lock, deadline, [&] { return slot->done; });
+  slot->done = true;  // a later answer is dropped
+  return std::move(slot->outcome);
 }
 
 void NamedConnection::listenForNotifications(std::string center, NotificationSink sink) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -14,7 +15,7 @@
 #include <vela/VelaValue.h>
 
 #include "platform/bus/bus_names.h"
-#include "platform/bus/variant_codec.h"
+#include "protocol/schema.h"
 
 namespace vela::bus {
 
@@ -65,9 +66,6 @@ class NamedConnection {
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
 
-  // How integer arguments are typed on the wire; set before resume().
-  void setWireHints(WireHints hints);
-
   // Starts the connection's thread and connects. Thread: any, once.
   void resume();
 
@@ -84,17 +82,30 @@ class NamedConnection {
   // Thread: any.
   bool usable() const noexcept;
 
-  // Sends one method call to the service's object at kObjectPath;
-  // `interface` and `member` must be NUL-terminated and of static storage
-  // (the wire-name constants): the request keeps only a view of them. Exactly one
+  // Sends one call of `member` (an entry of the protocol's member table,
+  // which outlives every request) to the service's object; its arguments
+  // are typed as the member describes them. Exactly one
   // of `onReply` and `onFailure` runs later, on the connection's thread. With
   // an empty `onReply` the service is asked not to answer, and `onFailure`
   // runs only if the call could not be sent. When the bus behind this
   // connection is already gone, the request never left, so it is handed once
   // to the connection `reconnect` supplies (if any) instead of failing.
   // Thread: any.
-  void callMethod(std::string_view interface, std::string_view member, VelaDictionary args, ReplyHandler onReply,
-                  FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect = nullptr);
+  void callMethod(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply, FailureHandler onFailure,
+                  std::shared_ptr<const Reconnect> reconnect = nullptr);
+
+  // What a synchronous call came back with: the reply, or the failure that
+  // stands in its place; neither when the deadline passed first.
+  struct CallOutcome {
+    std::optional<VelaDictionary> reply;
+    std::optional<VelaError> failure;
+  };
+
+  // Sends one call of `member` and blocks the calling thread until its
+  // answer, a failure, or `deadline`, whichever comes first. Returns by the
+  // deadline whatever other threads are doing. Thread: any.
+  CallOutcome call(const protocol::Member& member, VelaDictionary args, std::shared_ptr<const Reconnect> reconnect,
+                   std::chrono::steady_clock::time_point deadline);
 
   // What callMethodAndWait() leaves to its caller.
   enum class Delivery {
@@ -110,8 +121,8 @@ class NamedConnection {
   // another caller's, so they must only record the answer and signal; every
   // other handler and notification still runs on the connection's thread.
   // Thread: any.
-  Delivery callMethodAndWait(std::string_view interface, std::string_view member, VelaDictionary args,
-                             ReplyHandler onReply, FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect,
+  Delivery callMethodAndWait(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply,
+                             FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect,
                              std::chrono::steady_clock::time_point deadline);
 
   // Delivers to `sink`, on the connection's thread, each notification of the

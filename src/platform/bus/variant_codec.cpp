@@ -9,6 +9,9 @@
 
 #include <systemd/sd-bus.h>
 
+#include "protocol/int32.h"
+#include "protocol/records.h"
+
 namespace vela::bus {
 namespace {
 
@@ -41,14 +44,12 @@ const char* variantSignature(const VelaValue& value) {
   return "";
 }
 
-bool fitsInt32(const VelaValue& value) {
-  const auto* i = value.getIf<std::int64_t>();
-  return i != nullptr && *i >= std::numeric_limits<std::int32_t>::min() &&
-         *i <= std::numeric_limits<std::int32_t>::max();
-}
-
-bool isInt32Key(std::string_view key, const WireHints& hints) {
-  return std::ranges::find(hints.int32Keys, key) != hints.int32Keys.end();
+// The field that describes `key`, in the first set that has it.
+const protocol::Field* describedField(FieldSets described, std::string_view key) {
+  for (const protocol::Fields fields : described) {
+    if (const protocol::Field* field = protocol::findField(fields, key)) return field;
+  }
+  return nullptr;
 }
 
 int appendInt32Variant(sd_bus_message* m, std::int32_t value) {
@@ -57,11 +58,11 @@ int appendInt32Variant(sd_bus_message* m, std::int32_t value) {
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
-int appendVariantArray(sd_bus_message* m, const VelaArray& items, const WireHints& hints) {
+int appendVariantArray(sd_bus_message* m, const VelaArray& items) {
   int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "v");
   for (const VelaValue& item : items) {
     if (r < 0) return r;
-    r = appendVariant(m, item, hints);
+    r = appendVariant(m, item);
   }
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
@@ -81,15 +82,15 @@ int appendDate(sd_bus_message* m, VelaDate date) {
 }
 
 // A set travels as the struct (av), which no plain array can be mistaken for.
-int appendSet(sd_bus_message* m, const VelaSet& set, const WireHints& hints) {
+int appendSet(sd_bus_message* m, const VelaSet& set) {
   int r = sd_bus_message_open_container(m, SD_BUS_TYPE_STRUCT, "av");
-  if (r >= 0) r = appendVariantArray(m, set.members, hints);
+  if (r >= 0) r = appendVariantArray(m, set.members);
   return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
-int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& hints) {
+int appendContents(sd_bus_message* m, const VelaValue& value) {
   return std::visit(
-      [m, &hints](const auto& v) -> int {
+      [m](const auto& v) -> int {
         using T = std::decay_t<decltype(v)>;
         if constexpr (std::is_same_v<T, std::string>) {
           return appendString(m, v);
@@ -105,12 +106,12 @@ int appendContents(sd_bus_message* m, const VelaValue& value, const WireHints& h
         } else if constexpr (std::is_same_v<T, VelaData>) {
           return sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, v.data(), v.size());
         } else if constexpr (std::is_same_v<T, VelaArray>) {
-          return appendVariantArray(m, v, hints);
+          return appendVariantArray(m, v);
         } else if constexpr (std::is_same_v<T, VelaDictionary>) {
-          return appendDictionary(m, v, hints);
+          return appendDictionary(m, v);
         } else {
           static_assert(std::is_same_v<T, VelaSet>);
-          return appendSet(m, v, hints);
+          return appendSet(m, v);
         }
       },
       value.storage());
@@ -122,7 +123,9 @@ class Reader {
  public:
   explicit Reader(sd_bus_message* m) : m_(m) {}
 
-  std::optional<VelaDictionary> dictionary(int depth) {
+  // With `described`, keys it does not describe are skipped unread, and a
+  // described record keeps only its class's keys.
+  std::optional<VelaDictionary> dictionary(int depth, std::optional<FieldSets> described = std::nullopt) {
     if (depth > kMaxDepth) return fail("nesting too deep");
     // The element type is taken from the message so that a{sX} with any
     // property-list value type is accepted, not only a{sv}.
@@ -141,7 +144,18 @@ class Reader {
       if (r == 0) break;
       const char* key = nullptr;
       if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) return fail("unreadable dictionary key");
-      std::optional<VelaValue> value = next(depth + 1);
+      std::optional<VelaValue> value;
+      if (!described) {
+        value = next(depth + 1);
+      } else if (const protocol::Field* field = describedField(*described, key)) {
+        value = describedValue(*field, depth + 1);
+      } else if (std::string_view(key) == protocol::kClassKey) {
+        value = next(depth + 1);
+      } else {
+        if (sd_bus_message_skip(m_, entrySignature.c_str() + 1) < 0) return fail("unreadable dictionary entry");
+        if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
+        continue;
+      }
       if (!value) return std::nullopt;
       if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
       dict.insert_or_assign(key, std::move(*value));
@@ -156,6 +170,34 @@ class Reader {
   std::nullopt_t fail(const char* why) {
     if (reason.empty()) reason = why;
     return std::nullopt;
+  }
+
+  // A described value: a record (or described dictionary) keeps only the
+  // keys of its shape; anything else is read in full.
+  std::optional<VelaValue> describedValue(const protocol::Field& field, int depth) {
+    if (field.type != protocol::WireType::kDictionary || field.shape == nullptr) return next(depth);
+    char type = 0;
+    const char* contents = nullptr;
+    if (sd_bus_message_peek_type(m_, &type, &contents) <= 0) return fail("value missing");
+    bool inVariant = false;
+    if (type == SD_BUS_TYPE_VARIANT) {
+      if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, contents) <= 0) return fail("unreadable variant");
+      if (sd_bus_message_peek_type(m_, &type, &contents) <= 0) return fail("value missing");
+      inVariant = true;
+    }
+    std::optional<VelaValue> value;
+    if (type == SD_BUS_TYPE_ARRAY && contents != nullptr && contents[0] == '{') {
+      const std::array<protocol::Fields, 1> nested{field.shape->fields};
+      auto dict = dictionary(depth + 1, FieldSets(nested));
+      if (!dict) return std::nullopt;
+      value.emplace(std::move(*dict));
+    } else {
+      // Not a dictionary: read as it is, for the typed reader to refuse.
+      value = next(depth + 1);
+      if (!value) return std::nullopt;
+    }
+    if (inVariant && sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
+    return value;
   }
 
   template <typename T>
@@ -302,24 +344,43 @@ class Reader {
 
 }  // namespace
 
-int appendVariant(sd_bus_message* message, const VelaValue& value, const WireHints& hints) {
+int appendVariant(sd_bus_message* message, const VelaValue& value) {
   int r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, variantSignature(value));
-  if (r >= 0) r = appendContents(message, value, hints);
+  if (r >= 0) r = appendContents(message, value);
   return r < 0 ? r : sd_bus_message_close_container(message);
 }
 
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, const WireHints& hints) {
+namespace {
+
+// One entry's value, typed as its field says when it is described.
+int appendDescribedVariant(sd_bus_message* m, const VelaValue& value, const protocol::Field* field) {
+  if (field == nullptr) return appendVariant(m, value);
+  const auto* integer = value.getIf<std::int64_t>();
+  if (field->type == protocol::WireType::kInt32 && integer != nullptr) {
+    // A number that does not fit is sent as it is rather than cut: the
+    // reader then refuses it instead of reading a different number.
+    if (const auto narrow = protocol::narrowToInt32(*integer)) return appendInt32Variant(m, *narrow);
+  }
+  const VelaDictionary* inner = value.asDictionary();
+  if (field->type == protocol::WireType::kDictionary && field->shape != nullptr && inner != nullptr) {
+    int r = sd_bus_message_open_container(m, SD_BUS_TYPE_VARIANT, "a{sv}");
+    const std::array<protocol::Fields, 1> nested{field->shape->fields};
+    if (r >= 0) r = appendDictionary(m, *inner, nested);
+    return r < 0 ? r : sd_bus_message_close_container(m);
+  }
+  return appendVariant(m, value);
+}
+
+}  // namespace
+
+int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described) {
   int r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
   for (const auto& [key, value] : dict) {
     if (r < 0) return r;
     if (key.find('\0') != std::string::npos) return -EINVAL;
     r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
     if (r >= 0) r = sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, key.c_str());
-    if (r >= 0) {
-      r = isInt32Key(key, hints) && fitsInt32(value)
-              ? appendInt32Variant(message, static_cast<std::int32_t>(*value.getIf<std::int64_t>()))
-              : appendVariant(message, value, hints);
-    }
+    if (r >= 0) r = appendDescribedVariant(message, value, describedField(described, key));
     if (r >= 0) r = sd_bus_message_close_container(message);
   }
   return r < 0 ? r : sd_bus_message_close_container(message);
@@ -328,6 +389,13 @@ int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, const 
 std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::string* whyNot) {
   Reader reader(message);
   std::optional<VelaDictionary> dict = reader.dictionary(0);
+  if (!dict && whyNot != nullptr) *whyNot = reader.reason;
+  return dict;
+}
+
+std::optional<VelaDictionary> readDescribedKeys(sd_bus_message* message, FieldSets described, std::string* whyNot) {
+  Reader reader(message);
+  std::optional<VelaDictionary> dict = reader.dictionary(0, described);
   if (!dict && whyNot != nullptr) *whyNot = reader.reason;
   return dict;
 }

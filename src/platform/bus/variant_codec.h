@@ -8,6 +8,8 @@
 
 #include <vela/VelaValue.h>
 
+#include "protocol/schema.h"
+
 struct sd_bus_message;
 
 namespace vela::bus {
@@ -17,21 +19,33 @@ namespace vela::bus {
 //   data ay · array av · dictionary a{sv} · date (d) · set (av)
 // Nil has no encoding: it is an absent dictionary key.
 
-// Keys whose integer values a contract types as 32-bit (`i`) rather than the
-// default `x`, at any depth. Values that do not fit travel as `x`.
-struct WireHints {
-  std::span<const std::string_view> int32Keys;
-};
+// What a dictionary's keys are described by: the fields of a member's request
+// or reply, and the daemon's error beside a reply's. Keys in none of them are
+// undescribed.
+using FieldSets = std::span<const protocol::Fields>;
 
-// Appends `dict` as a{sv}. Returns 0 or a negative errno.
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, const WireHints& hints = {});
+// Appends `dict` as a{sv}. A described key goes out as its type says (a
+// 32-bit number as `i` when it fits, a record's fields typed by its class,
+// at any depth); every other value in the default mapping above. Returns 0
+// or a negative errno.
+int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described = {});
 
-// Appends one value as the contents of a variant (signature and value).
-int appendVariant(sd_bus_message* message, const VelaValue& value, const WireHints& hints = {});
+// Appends one value as the contents of a variant (signature and value), in
+// the default mapping.
+int appendVariant(sd_bus_message* message, const VelaValue& value);
 
-// Reads an a{sv} at the message's read position. nullopt when anything in it
-// has a type with no property-list meaning, when a number does not fit, or
-// when the message is malformed; `whyNot` then says what was wrong.
+// Reads an a{sv} at the message's read position, every key of it. nullopt
+// when anything in it has a type with no property-list meaning, when a
+// number does not fit, or when the message is malformed; `whyNot` then says
+// what was wrong.
 std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::string* whyNot = nullptr);
+
+// Reads an a{sv} keeping only the described keys, read as strictly as
+// readDictionary() reads everything (inside a record, only its class's
+// keys). Other keys are skipped whatever their type, so a sender that adds
+// keys, even of types with no property-list meaning, still reaches readers
+// that do not know them.
+std::optional<VelaDictionary> readDescribedKeys(sd_bus_message* message, FieldSets described,
+                                                std::string* whyNot = nullptr);
 
 }  // namespace vela::bus

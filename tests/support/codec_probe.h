@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -12,6 +13,7 @@
 #include "platform/bus/variant_codec.h"
 
 struct sd_bus;
+struct sd_bus_message;
 
 // Test-only: runs the codec over a real, sealed D-Bus message without sending
 // it, so tests can see both what a dictionary decodes back to and how each of
@@ -22,7 +24,7 @@ struct CodecRoundTrip {
   int encodeResult = 0;                          // 0, or the negative errno of the encoder
   std::optional<VelaDictionary> decoded;         // nullopt when decoding refused the message
   std::string whyNot;                            // why decoding refused it
-  std::map<std::string, std::string> wireTypes;  // top-level key -> signature inside its variant
+  std::map<std::string, std::string> wireTypes;  // key -> signature inside its variant; nested keys as "outer.inner"
 };
 
 class CodecProbe {
@@ -33,7 +35,14 @@ class CodecProbe {
   CodecProbe(const CodecProbe&) = delete;
   CodecProbe& operator=(const CodecProbe&) = delete;
 
-  CodecRoundTrip roundTrip(const VelaDictionary& dict, const WireHints& hints = {});
+  // Encodes `dict` as `described` says and decodes it back: every key, or
+  // with `onlyDescribed` only the described ones.
+  CodecRoundTrip roundTrip(const VelaDictionary& dict, FieldSets described = {}, bool onlyDescribed = false);
+
+  // Decodes a body that `build` appends by hand (for what the encoder never
+  // writes, such as object paths), as roundTrip() decodes.
+  CodecRoundTrip decode(const std::function<int(sd_bus_message*)>& build, FieldSets described = {},
+                        bool onlyDescribed = false);
 
  private:
   CodecProbe() = default;

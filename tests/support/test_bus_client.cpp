@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/bus/test_bus_client.h"
+#include "test_bus_client.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -7,9 +7,10 @@
 
 #include <systemd/sd-bus.h>
 
+#include "notification_signal.h"
 #include "platform/bus/bus_handles.h"
-#include "platform/bus/service_host.h"
 #include "platform/bus/variant_codec.h"
+#include "protocol/names.h"
 
 namespace vela::bus {
 namespace {
@@ -177,11 +178,11 @@ std::optional<std::string> TestBusClient::introspect(std::string_view destinatio
 
 int TestBusClient::subscribeNotifications(std::string_view center) {
   const std::string interface(center);
-  const std::string path = notificationCenterPath(center);
+  const std::string path = protocol::notificationCenterPath(center);
   sd_bus_slot* slot = nullptr;
   // sd_bus_match_signal waits for the bus to confirm the match.
-  const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(), kNotificationSignal.data(),
-                                    &ClientCallbacks::notificationArrived, this);
+  const int r = sd_bus_match_signal(bus_, &slot, nullptr, path.c_str(), interface.c_str(),
+                                    protocol::kNotificationSignal.data(), &ClientCallbacks::notificationArrived, this);
   if (r < 0) return r;
   matches_.push_back(slot);
   return 0;
@@ -206,7 +207,7 @@ std::optional<ReceivedNotification> TestBusClient::waitNotification(std::chrono:
 }
 
 int TestBusClient::postNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo) {
-  const int r = emitNotification(bus_, center, name, userInfo);
+  const int r = daemon::emitNotification(bus_, center, name, userInfo);
   return r < 0 ? r : sd_bus_flush(bus_);
 }
 

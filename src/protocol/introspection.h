@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
-// Reading D-Bus introspection documents: the interface XML that velad is
-// built with, and what a live object reports.
-namespace vela::daemon {
+// Reading D-Bus introspection documents (the published interface XML, what a
+// live object reports) and holding them against the protocol's members.
+namespace vela::protocol {
 
 struct ArgumentDescription {
   std::string name;
@@ -30,7 +30,14 @@ struct MethodDescription {
 std::optional<std::vector<MethodDescription>> readInterfaceMethods(std::string_view xml, std::string_view interface,
                                                                    std::string* whyNot = nullptr);
 
-// The published description of HandsetActions, as built into velad.
-std::string_view handsetActionsDescription();
+// The annotations through which the XML states each member's keys, as
+// describeFields() writes them.
+inline constexpr std::string_view kRequestKeysAnnotation = "com.zentrex.VelaNotification.RequestKeys";
+inline constexpr std::string_view kReplyKeysAnnotation = "com.zentrex.VelaNotification.ReplyKeys";
 
-}  // namespace vela::daemon
+// Whether the methods of a HandsetActions description are exactly the
+// protocol's members, each a{sv} -> a{sv} with the same keys and types.
+// nullopt when they are, else what differs first.
+std::optional<std::string> compareWithDescription(const std::vector<MethodDescription>& methods);
+
+}  // namespace vela::protocol

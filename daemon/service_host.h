@@ -14,7 +14,9 @@
 
 #include <vela/VelaValue.h>
 
+#include "notification_signal.h"
 #include "platform/bus/bus_names.h"
+#include "platform/bus/variant_codec.h"
 
 struct sd_bus;
 struct sd_bus_message;
@@ -22,7 +24,8 @@ struct sd_bus_slot;
 struct sd_event;
 struct sd_event_source;
 
-// The serving side of the bus: what velad stands on.
+// The serving side of the bus: what velad stands on (clients never need it,
+// so it is not part of the library).
 //
 // THREADING: a ServiceHost and everything it hands out (calls, reply tokens)
 // belong to the thread that calls run(). Handlers and timers run there, one
@@ -30,7 +33,7 @@ struct sd_event_source;
 //
 // LIFETIME: the host owns its bus connection and event loop. Reply tokens may
 // outlive it; answering through one then fails with -ENOTCONN.
-namespace vela::bus {
+namespace vela::daemon {
 
 // D-Bus error names the host and its users answer with.
 inline constexpr std::string_view kInvalidArgsError = "org.freedesktop.DBus.Error.InvalidArgs";
@@ -55,11 +58,11 @@ class ReplyToken {
   // False when the caller set the no-reply-expected flag.
   bool expectsReply() const noexcept;
 
-  // Answers with `values` as a{sv}. Integers under `int32Keys` travel as 'i'
-  // when they fit in 32 bits; everything else as the property-list mapping
-  // says. If the values cannot be encoded the caller gets a Failed error
+  // Answers with `values` as a{sv}, each described key typed as its
+  // description says at every depth (see bus::appendDictionary), everything
+  // else in the default mapping. If the values cannot be encoded the caller gets a Failed error
   // instead, so it is never left waiting. Returns 0 or a negative errno.
-  int reply(const VelaDictionary& values, std::span<const std::string_view> int32Keys = {});
+  int reply(const VelaDictionary& values, bus::FieldSets described = {});
   // Answers with a D-Bus error. Returns 0 or a negative errno.
   int replyError(std::string_view name, std::string_view message);
   // Answers with a body of one string where a{sv} is promised: a deliberately
@@ -100,7 +103,7 @@ class ServiceHost {
   // run() still ends it cleanly. Call it on the thread that will run() and
   // before starting other threads, which inherit the mask. nullptr on
   // failure, with the reason in `whyNot`.
-  static std::unique_ptr<ServiceHost> open(BusKind kind, std::string* whyNot = nullptr);
+  static std::unique_ptr<ServiceHost> open(bus::BusKind kind, std::string* whyNot = nullptr);
 
   ~ServiceHost();
   ServiceHost(const ServiceHost&) = delete;
@@ -162,9 +165,4 @@ class ServiceHost {
   std::vector<sd_event_source*> signalSources_;
 };
 
-// Emits Notification(s name, a{sv} userInfo) on `bus` as
-// ServiceHost::emitNotification does. Returns 0 or a negative errno.
-int emitNotification(sd_bus* bus, std::string_view center, std::string_view name, const VelaDictionary& userInfo,
-                     std::string_view destination = {});
-
-}  // namespace vela::bus
+}  // namespace vela::daemon

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "interface_description.h"
+#include "protocol/introspection.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 
-#include "handset_actions_xml.h"
+#include "protocol/members.h"
 
-namespace vela::daemon {
+namespace vela::protocol {
 namespace {
 
 // Introspection documents use a small, regular part of XML: elements with
@@ -212,6 +213,33 @@ std::optional<std::vector<MethodDescription>> readInterfaceMethods(std::string_v
   return std::move(collector.methods());
 }
 
-std::string_view handsetActionsDescription() { return generated::kHandsetActionsXml; }
+std::optional<std::string> compareWithDescription(const std::vector<MethodDescription>& methods) {
+  auto annotation = [](const MethodDescription& method, std::string_view name) -> std::optional<std::string> {
+    const auto found = method.annotations.find(name);
+    if (found == method.annotations.end()) return std::nullopt;
+    return found->second;
+  };
+  for (const MethodDescription& method : methods) {
+    const Member* member = findMember(method.name);
+    if (member == nullptr) return "the description lists " + method.name + ", which the protocol does not have";
+    const bool dictionaryInAndOut = method.arguments.size() == 2 && method.arguments[0].type == "a{sv}" &&
+                                    method.arguments[0].direction == "in" && method.arguments[1].type == "a{sv}" &&
+                                    method.arguments[1].direction == "out";
+    if (!dictionaryInAndOut) return method.name + " is not a{sv} -> a{sv} in the description";
+    if (annotation(method, kRequestKeysAnnotation) != describeFields(member->request)) {
+      return method.name + ": the description's request keys differ from the protocol's";
+    }
+    if (annotation(method, kReplyKeysAnnotation) != describeFields(member->reply)) {
+      return method.name + ": the description's reply keys differ from the protocol's";
+    }
+  }
+  for (const Member* member : kHandsetActionsMembers) {
+    const bool described = std::any_of(methods.begin(), methods.end(),
+                                       [&](const MethodDescription& method) { return method.name == member->name; });
+    if (!described) return "the description lacks " + std::string(member->name);
+  }
+  if (methods.size() != kHandsetActionsMembers.size()) return "the description lists a member more than once";
+  return std::nullopt;
+}
 
-}  // namespace vela::daemon
+}  // namespace vela::protocol

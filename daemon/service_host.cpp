@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/bus/service_host.h"
+#include "service_host.h"
 
 #include <pthread.h>
 
@@ -17,8 +17,11 @@
 
 #include "platform/bus/bus_handles.h"
 #include "platform/bus/variant_codec.h"
+#include "protocol/names.h"
 
-namespace vela::bus {
+namespace vela::daemon {
+
+using bus::MessagePtr;
 namespace {
 
 // Argument names as sd-bus wants them: inputs then outputs, each
@@ -36,32 +39,6 @@ sd_bus_vtable zeroedVtableEntry() {
   sd_bus_vtable entry;
   std::memset(&entry, 0, sizeof entry);
   return entry;
-}
-
-bool fitsInt32(std::int64_t v) {
-  return v >= std::numeric_limits<std::int32_t>::min() && v <= std::numeric_limits<std::int32_t>::max();
-}
-
-int appendReplyDictionary(sd_bus_message* m, const VelaDictionary& values,
-                          std::span<const std::string_view> int32Keys) {
-  if (int32Keys.empty()) return appendDictionary(m, values);
-  int r = sd_bus_message_open_container(m, SD_BUS_TYPE_ARRAY, "{sv}");
-  for (const auto& [key, value] : values) {
-    if (r < 0) return r;
-    if (key.find('\0') != std::string::npos) return -EINVAL;
-    r = sd_bus_message_open_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r >= 0) r = sd_bus_message_append_basic(m, SD_BUS_TYPE_STRING, key.c_str());
-    const auto* integer = value.getIf<std::int64_t>();
-    if (r >= 0 && integer != nullptr && fitsInt32(*integer) &&
-        std::find(int32Keys.begin(), int32Keys.end(), key) != int32Keys.end()) {
-      const auto narrow = static_cast<std::int32_t>(*integer);
-      r = sd_bus_message_append(m, "v", "i", narrow);
-    } else if (r >= 0) {
-      r = appendVariant(m, value);
-    }
-    if (r >= 0) r = sd_bus_message_close_container(m);
-  }
-  return r < 0 ? r : sd_bus_message_close_container(m);
 }
 
 // Sends a method return built by `fill`; a body that cannot be built turns
@@ -108,12 +85,12 @@ bool ReplyToken::expectsReply() const noexcept {
 
 sd_bus_message* ReplyToken::release() noexcept { return std::exchange(call_, nullptr); }
 
-int ReplyToken::reply(const VelaDictionary& values, std::span<const std::string_view> int32Keys) {
+int ReplyToken::reply(const VelaDictionary& values, bus::FieldSets described) {
   const MessagePtr call(release());
   if (!call) return -EALREADY;
   if (sd_bus_message_get_expect_reply(call.get()) <= 0) return 0;
   return sendMethodReturn(call.get(),
-                          [&](sd_bus_message* reply) { return appendReplyDictionary(reply, values, int32Keys); });
+                          [&](sd_bus_message* reply) { return bus::appendDictionary(reply, values, described); });
 }
 
 int ReplyToken::replyError(std::string_view name, std::string_view message) {
@@ -176,7 +153,7 @@ struct ServiceHost::Timer {
   ~Timer() { sd_event_source_unref(source); }
 };
 
-std::unique_ptr<ServiceHost> ServiceHost::open(BusKind kind, std::string* whyNot) {
+std::unique_ptr<ServiceHost> ServiceHost::open(bus::BusKind kind, std::string* whyNot) {
   auto fail = [whyNot](const char* what, int r) -> std::unique_ptr<ServiceHost> {
     if (whyNot != nullptr) *whyNot = std::string(what) + ": " + std::strerror(-r);
     return nullptr;
@@ -184,10 +161,11 @@ std::unique_ptr<ServiceHost> ServiceHost::open(BusKind kind, std::string* whyNot
   std::unique_ptr<ServiceHost> host(new ServiceHost());
   int r = sd_event_new(&host->event_);
   if (r < 0) return fail("cannot create an event loop", r);
-  BusPtr bus;
-  r = openPrivateBus(kind, bus);
+  bus::BusPtr bus;
+  r = bus::openPrivateBus(kind, bus);
   if (r < 0)
-    return fail(kind == BusKind::kSystem ? "cannot connect to the system bus" : "cannot connect to the session bus", r);
+    return fail(
+        kind == bus::BusKind::kSystem ? "cannot connect to the system bus" : "cannot connect to the session bus", r);
   r = sd_bus_attach_event(bus.get(), host->event_, SD_EVENT_PRIORITY_NORMAL);
   if (r < 0) return fail("cannot attach the bus to the event loop", r);
   // Without its bus a daemon has nothing left to do: end the loop.
@@ -297,7 +275,7 @@ int HostCallbacks::dispatch(const ServiceHost::Export& exported, sd_bus_message*
     const char* sender = sd_bus_message_get_sender(message);
     call.member = member != nullptr ? member : "";
     call.sender = sender != nullptr ? sender : "";
-    call.args = readDictionary(message, &call.argsProblem);
+    call.args = bus::readDictionary(message, &call.argsProblem);
     if (!call.args && call.argsProblem.empty()) call.argsProblem = "the request is not a property-list dictionary";
     call.reply = ReplyToken(sd_bus_message_ref(message));
     exported.handler(std::move(call));
@@ -322,30 +300,9 @@ std::string ServiceHost::uniqueName() const {
   return unique;
 }
 
-int emitNotification(sd_bus* bus, std::string_view center, std::string_view name, const VelaDictionary& userInfo,
-                     std::string_view destination) {
-  const std::string interface(center);
-  const std::string path = notificationCenterPath(center);
-  if (sd_bus_interface_name_is_valid(interface.c_str()) == 0 || sd_bus_object_path_is_valid(path.c_str()) == 0) {
-    return -EINVAL;
-  }
-  if (name.find('\0') != std::string_view::npos) return -EINVAL;
-  sd_bus_message* raw = nullptr;
-  int r = sd_bus_message_new_signal(bus, &raw, path.c_str(), interface.c_str(), kNotificationSignal.data());
-  if (r < 0) return r;
-  const MessagePtr signal(raw);
-  r = sd_bus_message_append_basic(signal.get(), SD_BUS_TYPE_STRING, std::string(name).c_str());
-  if (r >= 0) r = appendDictionary(signal.get(), userInfo);
-  if (r >= 0 && !destination.empty()) {
-    r = sd_bus_message_set_destination(signal.get(), std::string(destination).c_str());
-  }
-  if (r >= 0) r = sd_bus_send(bus, signal.get(), nullptr);
-  return r < 0 ? r : 0;
-}
-
 int ServiceHost::emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
                                   std::string_view destination) {
-  return vela::bus::emitNotification(bus_, center, name, userInfo, destination);
+  return daemon::emitNotification(bus_, center, name, userInfo, destination);
 }
 
 int ServiceHost::addTimer(std::chrono::microseconds delay, std::function<void()> fire) {
@@ -397,4 +354,4 @@ int ServiceHost::run() { return sd_event_loop(event_); }
 
 void ServiceHost::exit(int code) { sd_event_exit(event_, code); }
 
-}  // namespace vela::bus
+}  // namespace vela::daemon

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include <vela/VelaError.h>
+#include <vela/VelaGeoLocation.h>
+#include <vela/VelaKithAccountInfo.h>
+#include <vela/VelaLostModeInfo.h>
+#include <vela/VelaValue.h>
+
+#include "platform/bus/named_connection.h"
+#include "protocol/daemon_error.h"
+#include "protocol/members.h"
+#include "protocol/typed_reader.h"
+#include "records/archive_io.h"
+
+// Each member as the client calls it, described once: its entry in the
+// protocol, the C++ types of its arguments (in the order of its request
+// keys) and of its reply values (in the order of its reply keys). The
+// published asynchronous interface and the synchronous operations both send
+// and decode through these descriptions.
+namespace vela::session {
+
+// A decoded reply: the daemon's error (nullopt on success) and the values.
+template <typename... Values>
+struct Decoded {
+  std::optional<VelaError> error;
+  std::tuple<Values...> values;
+};
+
+// What a caller sees when a reply does not decode: a transport failure, like
+// a vanished service, never a daemon answer.
+inline VelaError undecodableReplyError() {
+  return bus::transportError("org.freedesktop.DBus.Error.InconsistentMessage", EBADMSG,
+                             "reply does not match its member's shape");
+}
+
+namespace detail {
+
+template <typename T>
+struct IsSharedPtr : std::false_type {};
+template <typename T>
+struct IsSharedPtr<std::shared_ptr<T>> : std::true_type {};
+
+// Whether a C++ type is what a field of the member is carried as.
+template <typename T>
+constexpr bool carries(const protocol::Field& field) {
+  if constexpr (std::is_same_v<T, std::optional<std::string>>) {
+    return field.type == protocol::WireType::kString;
+  } else if constexpr (std::is_same_v<T, std::int32_t>) {
+    return field.type == protocol::WireType::kInt32;
+  } else if constexpr (IsSharedPtr<T>::value) {
+    return field.type == protocol::WireType::kDictionary && field.shape != nullptr &&
+           field.shape->className == T::element_type::kClassName;
+  } else {
+    return false;
+  }
+}
+
+inline void put(VelaDictionary& args, std::string_view key, const std::optional<std::string>& value) {
+  if (value) args.insert_or_assign(std::string(key), *value);
+}
+inline void put(VelaDictionary& args, std::string_view key, std::int32_t value) {
+  args.insert_or_assign(std::string(key), value);
+}
+template <typename Record>
+void put(VelaDictionary& args, std::string_view key, const std::shared_ptr<Record>& record) {
+  if (record) args.insert_or_assign(std::string(key), records::archiveRecord(*record));
+}
+
+inline void take(protocol::TypedReader& reader, std::string_view key, std::optional<std::string>& out) {
+  out = reader.string(key);
+}
+// An absent number reads as 0.
+inline void take(protocol::TypedReader& reader, std::string_view key, std::int32_t& out) {
+  out = reader.int32(key).value_or(0);
+}
+template <typename Record>
+void take(protocol::TypedReader& reader, std::string_view key, std::shared_ptr<Record>& out) {
+  out = reader.template record<Record>(key);
+}
+
+}  // namespace detail
+
+template <typename Arguments, typename Values>
+struct MemberCall;
+
+template <typename... Args, typename... Values>
+struct MemberCall<std::tuple<Args...>, std::tuple<Values...>> {
+  using Reply = Decoded<Values...>;
+
+  const protocol::Member* member;
+
+  // The request: each argument under its key, nil ones left out.
+  VelaDictionary encode(const Args&... args) const {
+    VelaDictionary request;
+    [[maybe_unused]] std::size_t index = 0;
+    (detail::put(request, member->request[index++].key, args), ...);
+    return request;
+  }
+
+  // The reply's error and values, or nullopt when the reply does not decode
+  // (a key the member reads has the wrong type): never half a reply.
+  std::optional<Reply> decode(const VelaDictionary& reply) const {
+    auto error = protocol::decodeDaemonError(reply);
+    if (!error) return std::nullopt;
+    Reply decoded{std::move(*error), {}};
+    protocol::TypedReader reader(reply);
+    std::apply(
+        [&](auto&... values) {
+          [[maybe_unused]] std::size_t index = 0;
+          (detail::take(reader, member->reply[index++].key, values), ...);
+        },
+        decoded.values);
+    if (!reader.ok()) return std::nullopt;
+    return decoded;
+  }
+
+  // Whether the C++ types agree with the member's keys; checked at compile
+  // time for every call below.
+  constexpr bool matchesMember() const {
+    if (member->request.size() != sizeof...(Args) || member->reply.size() != sizeof...(Values)) return false;
+    [[maybe_unused]] std::size_t arg = 0;
+    [[maybe_unused]] std::size_t value = 0;
+    return (detail::carries<Args>(member->request[arg++]) && ...) &&
+           (detail::carries<Values>(member->reply[value++]) && ...);
+  }
+};
+
+namespace calls {
+
+using Text = std::optional<std::string>;
+template <typename... Args>
+using Takes = std::tuple<Args...>;
+template <typename... Values>
+using Gives = std::tuple<Values...>;
+
+namespace m = protocol::member;
+
+inline constexpr MemberCall<Takes<std::shared_ptr<VelaLostModeInfo>>, Gives<>> kEnableLostModeWithInfo{
+    &m::kEnableLostModeWithInfo};
+inline constexpr MemberCall<Takes<>, Gives<>> kDisableLostMode{&m::kDisableLostMode};
+inline constexpr MemberCall<Takes<>, Gives<std::int32_t>> kGetLocusState{&m::kGetLocusState};
+inline constexpr MemberCall<Takes<>, Gives<Text>> kGetKithDeviceId{&m::kGetKithDeviceId};
+inline constexpr MemberCall<Takes<>, Gives<Text>> kGetLocusDeviceId{&m::kGetLocusDeviceId};
+inline constexpr MemberCall<Takes<>, Gives<Text>> kGetStoreAccount{&m::kGetStoreAccount};
+inline constexpr MemberCall<Takes<>, Gives<Text, Text>> kGetLocusAccount{&m::kGetLocusAccount};
+inline constexpr MemberCall<Takes<>, Gives<Text, Text>> kGetNimbusAccount{&m::kGetNimbusAccount};
+inline constexpr MemberCall<Takes<std::int32_t>, Gives<>> kEnableLocusInContext{&m::kEnableLocusInContext};
+inline constexpr MemberCall<Takes<Text, std::int32_t>, Gives<>> kDisableLocusUsingToken{&m::kDisableLocusUsingToken};
+inline constexpr MemberCall<Takes<Text, std::shared_ptr<VelaGeoLocation>>, Gives<>> kDidEnterKithRegion{
+    &m::kDidEnterKithRegion};
+inline constexpr MemberCall<Takes<Text, std::shared_ptr<VelaGeoLocation>>, Gives<>> kDidExitKithRegion{
+    &m::kDidExitKithRegion};
+inline constexpr MemberCall<Takes<std::shared_ptr<VelaKithAccountInfo>>, Gives<>> kAddKithAccount{&m::kAddKithAccount};
+inline constexpr MemberCall<Takes<Text>, Gives<>> kRemoveKithAccountWithUsername{&m::kRemoveKithAccountWithUsername};
+inline constexpr MemberCall<Takes<>, Gives<std::shared_ptr<VelaKithAccountInfo>>> kRetrieveKithAccount{
+    &m::kRetrieveKithAccount};
+inline constexpr MemberCall<Takes<Text>, Gives<>> kVetEmailAccount{&m::kVetEmailAccount};
+inline constexpr MemberCall<Takes<>, Gives<>> kCancelEmailVet{&m::kCancelEmailVet};
+inline constexpr MemberCall<Takes<Text>, Gives<>> kStartListeningOnTopic{&m::kStartListeningOnTopic};
+inline constexpr MemberCall<Takes<Text>, Gives<>> kStopListeningOnTopic{&m::kStopListeningOnTopic};
+inline constexpr MemberCall<Takes<Text>, Gives<>> kDumpDebugInfo{&m::kDumpDebugInfo};
+
+static_assert(kEnableLostModeWithInfo.matchesMember() && kDisableLostMode.matchesMember() &&
+                  kGetLocusState.matchesMember() && kGetKithDeviceId.matchesMember() &&
+                  kGetLocusDeviceId.matchesMember() && kGetStoreAccount.matchesMember() &&
+                  kGetLocusAccount.matchesMember() && kGetNimbusAccount.matchesMember() &&
+                  kEnableLocusInContext.matchesMember() && kDisableLocusUsingToken.matchesMember() &&
+                  kDidEnterKithRegion.matchesMember() && kDidExitKithRegion.matchesMember() &&
+                  kAddKithAccount.matchesMember() && kRemoveKithAccountWithUsername.matchesMember() &&
+                  kRetrieveKithAccount.matchesMember() && kVetEmailAccount.matchesMember() &&
+                  kCancelEmailVet.matchesMember() && kStartListeningOnTopic.matchesMember() &&
+                  kStopListeningOnTopic.matchesMember() && kDumpDebugInfo.matchesMember(),
+              "a call's C++ types disagree with its member's keys");
+
+}  // namespace calls
+}  // namespace vela::session
