@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -20,6 +21,7 @@
 
 namespace vela::bus {
 class NamedConnection;
+enum class Trouble;
 }  // namespace vela::bus
 namespace vela::session {
 struct SessionInternals;
@@ -264,8 +266,8 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   std::shared_ptr<vela::notify::DistributedCenter> centerMadeIfNeeded();
 
   // Stops using `connection` if it is still the current one (interruption,
-  // invalidation); the next operation makes a new one.
-  void retireLinkConnection(const std::weak_ptr<vela::bus::NamedConnection>& connection);
+  // invalidation, told why); the next operation makes a new one.
+  void retireLinkConnection(const std::weak_ptr<vela::bus::NamedConnection>& connection, vela::bus::Trouble why);
 
  public:
   // Use init(), initWithDelegate() or sharedInstance().
@@ -276,6 +278,8 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   std::shared_ptr<vela::bus::NamedConnection> linkConnection_;  // guarded by fieldsMutex_
   std::shared_ptr<vela::notify::DistributedCenter> center_;     // guarded by fieldsMutex_
   std::weak_ptr<VelaNotifySessionDelegate> delegate_;           // guarded by fieldsMutex_
+  // Vetting observers are registered: the session keeps a connection listening.
+  std::atomic<bool> vetListening_{false};
   // Set once at construction: how a request whose connection died before it
   // was sent finds the session's next connection.
   std::shared_ptr<const std::function<std::shared_ptr<vela::bus::NamedConnection>()>> reconnect_;

@@ -46,6 +46,7 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
   }
   std::shared_ptr<DistributedCenter> vetCenter = centerMadeIfNeeded();
   vetCenter->deliverOnMainThread();
+  vetListening_.store(true);
   // Listening starts before the request leaves, so no result can come first.
   vetCenter->listenOn(*currentLinkConnection());
   NotificationCenter& local = NotificationCenter::defaultCenter();
@@ -90,6 +91,7 @@ void VelaNotifySession::_stopVettingNotifications() {
   const auto vetCenter = center();
   // Observers exist only once a vetting has made the center.
   if (!vetCenter) return;
+  vetListening_.store(false);
   NotificationCenter& local = NotificationCenter::defaultCenter();
   local.removeObserver(this, names::kVetResultsFoundNotification, vetCenter.get());
   local.removeObserver(this, names::kVetFinishedNotification, vetCenter.get());

@@ -73,8 +73,8 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
     stale = std::move(current);
     auto connection = NamedConnection::create(std::string(vela::protocol::kServiceName), vela::bus::kPrivilegedOption);
     const std::weak_ptr<NamedConnection> self = connection;
-    auto dropConnection = [box, self] {
-      if (auto session = box.lock()) session->retireLinkConnection(self);
+    auto dropConnection = [box, self](vela::bus::Trouble why) {
+      if (auto session = box.lock()) session->retireLinkConnection(self, why);
     };
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
@@ -102,7 +102,7 @@ void VelaNotifySession::_destroyLinkConnection() {
   if (old) old->invalidate();
 }
 
-void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection>& connection) {
+void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection>& connection, vela::bus::Trouble why) {
   std::shared_ptr<NamedConnection> old;
   {
     std::lock_guard lock(fieldsMutex_);
@@ -113,6 +113,14 @@ void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection
   // Not invalidated: requests already on the wire still get the bus's answer
   // (the daemon's reply, or an error if it is gone) instead of a false
   // failure. The old connection ends by itself once they are done.
+  //
+  // Vetting results are heard for as long as the session's observers are
+  // registered, not only while the host happens to make calls: the session
+  // follows the service to its next owner (or its first) on a new
+  // connection right away. Not after a bus failure, where a new connection
+  // would fail the same way at once; the next call tries the bus again.
+  const bool serviceTrouble = why == vela::bus::Trouble::kOwnerChanged || why == vela::bus::Trouble::kUnreachable;
+  if (serviceTrouble && vetListening_.load()) (void)currentLinkConnection();
 }
 
 // A member, not a static, because callers make errors through the session.

@@ -1,19 +1,30 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-// What a connection's handle, its thread and the callers waiting on it share.
+// What a connection's handle, its thread and the callers blocked on it share.
+//
+// Two locks, always taken in this order when both are needed:
+//   busMutex  held by whoever touches the sd-bus objects (the connection's
+//             thread, or a caller sending or reading its own reply); never
+//             held while host code runs or while anyone sleeps;
+//   mutex     guards the queues and who reads the bus; held only briefly.
+// A waiter has a mutex of its own, taken last.
 
 #include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cassert>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -47,7 +58,8 @@ struct ExitFlush {
 
 inline constexpr std::string_view kErrorDisconnected = "org.freedesktop.DBus.Error.Disconnected";
 
-// Handlers are the host's code; nothing they throw may unwind through sd-bus.
+// Handlers are the host's code; nothing they throw may unwind through sd-bus
+// or end the connection's thread.
 template <typename Fn, typename... Args>
 void invokeGuarded(const Fn& fn, Args&&... args) noexcept {
   if (!fn) return;
@@ -57,22 +69,108 @@ void invokeGuarded(const Fn& fn, Args&&... args) noexcept {
   }
 }
 
+// One synchronous call's meeting point: its caller sleeps here, and whoever
+// reads its answer leaves it here. "Answered" lives here and nowhere else.
+class Waiter {
+ public:
+  using CallOutcome = NamedConnection::CallOutcome;
+
+  // Leaves the answer; false when the caller has already given up, in which
+  // case the answer goes nowhere. The wake-up is the caller's alone.
+  bool answer(CallOutcome outcome) {
+    {
+      std::lock_guard lock(mutex_);
+      if (state_ != State::kWaiting) return false;
+      state_ = State::kAnswered;
+      outcome_ = std::move(outcome);
+    }
+    changed_.notify_one();
+    return true;
+  }
+
+  // Hands this caller the bus to read; false when it has given up (the bus
+  // must go to someone else).
+  bool giveBus() {
+    {
+      std::lock_guard lock(mutex_);
+      if (state_ != State::kWaiting) return false;
+      givenBus_ = true;
+    }
+    changed_.notify_one();
+    return true;
+  }
+
+  enum class Woken { kAnswered, kGivenBus, kDeadline };
+
+  // Sleeps until answered, handed the bus, or `deadline`. At the deadline
+  // the caller gives up for good, unless the answer came first.
+  Woken sleepUntil(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_until(lock, deadline, [this] { return state_ == State::kAnswered || givenBus_; });
+    // The bus first: one handed over must be passed on even if the answer
+    // came too (when the bus closed).
+    if (std::exchange(givenBus_, false)) return Woken::kGivenBus;
+    if (state_ == State::kAnswered) return Woken::kAnswered;
+    state_ = State::kAbandoned;
+    return Woken::kDeadline;
+  }
+
+  bool answered() const {
+    std::lock_guard lock(mutex_);
+    return state_ == State::kAnswered;
+  }
+
+  bool abandoned() const {
+    std::lock_guard lock(mutex_);
+    return state_ == State::kAbandoned;
+  }
+
+  // Gives up without sleeping (the caller reads, and its deadline passed):
+  // the answer, if it came just in time, is kept.
+  bool abandon() {
+    std::lock_guard lock(mutex_);
+    if (state_ == State::kAnswered) return false;
+    state_ = State::kAbandoned;
+    return true;
+  }
+
+  CallOutcome takeOutcome() {
+    std::lock_guard lock(mutex_);
+    return std::move(outcome_);
+  }
+
+ private:
+  enum class State { kWaiting, kAnswered, kAbandoned };
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  State state_ = State::kWaiting;  // guarded by mutex_
+  bool givenBus_ = false;          // guarded by mutex_
+  CallOutcome outcome_;            // guarded by mutex_
+};
+
 struct Subscription {
   std::string center;
   NotificationSink sink;
 };
 
+// A request on its way: either a synchronous caller waits for it (`waiter`),
+// or its handlers run on the connection's thread.
 struct Request {
   const protocol::Member* member = nullptr;  // static storage: the protocol's member table
   VelaDictionary args;
+  std::shared_ptr<Waiter> waiter;
   ReplyHandler onReply;
   FailureHandler onFailure;
   std::shared_ptr<const Reconnect> reconnect;
+
+  // Whether the daemon is asked to answer.
+  bool expectsReply() const { return waiter != nullptr || static_cast<bool>(onReply); }
 };
 
-// A mutex that spins briefly before sleeping: the bus is held for a few
-// microseconds at a time, often by a thread running on another CPU, and
-// sleeping for that would cost more than the wait.
+// A mutex that spins briefly before sleeping, as the bus is held for a few
+// microseconds at a time, often by a thread on another CPU. Callers wait for
+// it with their deadline. Debug builds check the lock discipline.
 class BusMutex {
  public:
   BusMutex() {
@@ -88,35 +186,93 @@ class BusMutex {
   BusMutex(BusMutex&&) = delete;
   BusMutex& operator=(BusMutex&&) = delete;
 
-  void lock() { pthread_mutex_lock(&mutex_); }
-  void unlock() { pthread_mutex_unlock(&mutex_); }
+  void lock() {
+    pthread_mutex_lock(&mutex_);
+    noteOwner();
+  }
+  void unlock() {
+    forgetOwner();
+    pthread_mutex_unlock(&mutex_);
+  }
+  bool try_lock() {  // NOLINT(readability-identifier-naming): the Lockable interface
+    if (pthread_mutex_trylock(&mutex_) != 0) return false;
+    noteOwner();
+    return true;
+  }
+  // Gives up at `deadline`: a caller's time limit is its own, whoever holds the bus.
+  template <typename Clock, typename Duration>
+  bool try_lock_until(std::chrono::time_point<Clock, Duration> deadline) {  // NOLINT(readability-identifier-naming)
+    static_assert(std::is_same_v<Clock, std::chrono::steady_clock>, "deadlines are steady_clock time points");
+    const auto since = deadline.time_since_epoch();
+    const auto secs = std::chrono::duration_cast<std::chrono::seconds>(since);
+    const timespec at{static_cast<time_t>(secs.count()),
+                      static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - secs).count())};
+    // steady_clock is CLOCK_MONOTONIC in libstdc++.
+    if (pthread_mutex_clocklock(&mutex_, CLOCK_MONOTONIC, &at) != 0) return false;
+    noteOwner();
+    return true;
+  }
+
+  // Debug builds: that the calling thread holds the lock.
+  void assertHeld() const {
+#ifndef NDEBUG
+    assert(owner_.load(std::memory_order_relaxed) == std::this_thread::get_id());
+#endif
+  }
 
  private:
+  void noteOwner() {
+#ifndef NDEBUG
+    owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+#endif
+  }
+  void forgetOwner() {
+#ifndef NDEBUG
+    owner_.store(std::thread::id(), std::memory_order_relaxed);
+#endif
+  }
+
   pthread_mutex_t mutex_{};
+#ifndef NDEBUG
+  std::atomic<std::thread::id> owner_{};
+#endif
 };
 
-class Loop;
+class Link;
 
 // The connection whose loop runs on this thread, if any: exit() called from
 // one of its handlers must not wait for that very loop, and a synchronous
-// call made there must not try to read the bus the loop is reading.
+// call made there must fail at once rather than wait for itself.
 extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-avoid-non-const-global-variables)
+
+// Who reads the bus. Only one thread at a time may: it dispatches what
+// arrives to everyone, so the others sleep without the bus.
+enum class Reader : std::uint8_t { kNone, kLoop, kCaller };
 
 }  // namespace detail
 
-// State shared between the handle, the connection's thread and callers that
-// read their own reply. The handle may be destroyed on the connection's own
-// thread (from inside a handler), so the thread keeps this alive on its own.
+// State shared between the handle, the connection's thread and the callers
+// blocked on it. The handle may be destroyed on the connection's own thread
+// (from inside a handler), so the thread keeps this alive on its own.
 struct NamedConnection::Core {
+  // Set before resume(), then only read.
   std::string service;
   BusKind bus = BusKind::kSystem;
   unsigned generation = detail::forkGeneration.load();
   int wakeFd = -1;        // wakes the connection's thread
-  int readerWakeFd = -1;  // wakes the caller reading the bus, when its call fails early
+  int readerWakeFd = -1;  // wakes the caller reading the bus, when the bus closes under it
+  int epollFd = -1;       // what the connection's thread sleeps on: wakeFd, and the bus when armed
+  std::function<void(Trouble)> interruptionHandler;
+  std::function<void(Trouble)> invalidationHandler;
 
-  std::function<void()> interruptionHandler;  // set before resume
-  std::function<void()> invalidationHandler;  // set before resume
-  std::atomic<bool> defunct{false};           // an interruption or invalidation was reported
+  std::atomic<bool> defunct{false};  // an interruption or invalidation was reported
+  // Synchronous callers that gave up while their call was on the wire; the
+  // next holder of the bus forgets those calls.
+  std::atomic<unsigned> abandonedCalls{0};
+
+  // The sd-bus side; set while the connection's thread runs.
+  detail::BusMutex busMutex;
+  detail::Link* link = nullptr;  // guarded by busMutex
 
   mutable std::mutex mutex;
   std::vector<detail::Request> requests;                        // guarded by mutex
@@ -124,16 +280,11 @@ struct NamedConnection::Core {
   std::vector<std::shared_ptr<detail::ExitFlush>> exitFlushes;  // guarded by mutex
   bool invalidateRequested = false;                             // guarded by mutex
   bool stopRequested = false;                                   // guarded by mutex
-
-  // Held by whichever thread uses the sd-bus objects: the connection's thread
-  // while it is not asleep, or a caller sending or reading its own reply.
-  // Taken before `mutex` when both are needed.
-  detail::BusMutex busMutex;
-  detail::Loop* loop = nullptr;   // guarded by busMutex; set while the connection's thread runs
-  bool callerReads = false;       // guarded by busMutex: a caller is reading the bus
-  std::uint64_t readerTerms = 0;  // guarded by busMutex: how many times a caller began reading it
-  bool loopWatchesBus = false;    // guarded by busMutex: the connection's thread sleeps on the bus too
-  bool loopAwaitsReader = false;  // guarded by busMutex: it sleeps long, so the reading caller wakes it when done
+  detail::Reader reader = detail::Reader::kNone;                // guarded by mutex
+  // Callers whose answer someone else reads for them, first come first.
+  std::deque<std::shared_ptr<detail::Waiter>> waiting;  // guarded by mutex
+  int armedBusFd = -1;                                  // guarded by mutex: the bus fd in epollFd's set, if any
+  std::uint32_t armedEvents = 0;                        // guarded by mutex: what it is armed for (0: disarmed)
 
   Core() = default;
   Core(const Core&) = delete;
@@ -143,6 +294,7 @@ struct NamedConnection::Core {
   ~Core() {
     if (wakeFd >= 0) ::close(wakeFd);
     if (readerWakeFd >= 0) ::close(readerWakeFd);
+    if (epollFd >= 0) ::close(epollFd);
   }
 
   static void signalFd(int fd) {
@@ -155,9 +307,9 @@ struct NamedConnection::Core {
 
   void wake() const { signalFd(wakeFd); }
 
-  // Queues work for the loop and wakes it only when it may be asleep: the
-  // loop empties both queues at once, so a non-empty one means a wake-up is
-  // already on its way. The flags stay set once seen and tell nothing.
+  // Queues work for the connection's thread and wakes it when it may be
+  // asleep: it empties both queues at once, so a non-empty one means a
+  // wake-up is already on its way.
   template <typename Mutate>
   void post(Mutate&& mutate) {
     bool wasIdle = false;
@@ -173,6 +325,9 @@ struct NamedConnection::Core {
     std::lock_guard lock(mutex);
     return requests.empty() && subscriptions.empty() && !invalidateRequested && !stopRequested;
   }
+
+  // Whether this is the connection's own thread.
+  bool onLoopThread() const { return detail::loopOfThisThread == this; }
 };
 
 }  // namespace vela::bus

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "platform/bus/named_connection.h"
 
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "platform/bus/bus_link.h"
 #include "platform/bus/connection_core.h"
 #include "platform/bus/connection_loop.h"
 #include "platform/bus/exit_flush.h"
+#include "platform/bus/reader_handoff.h"
 
 namespace vela::bus {
 namespace detail {
@@ -43,17 +45,25 @@ std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName
   core->bus = (options & kPrivilegedOption) != 0 ? BusKind::kSystem : BusKind::kSession;
   core->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   core->readerWakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  core->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
+  if (core->epollFd >= 0 && core->wakeFd >= 0) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = core->wakeFd;
+    if (epoll_ctl(core->epollFd, EPOLL_CTL_ADD, core->wakeFd, &event) < 0) {
+      ::close(core->epollFd);
+      core->epollFd = -1;
+    }
+  }
   return std::shared_ptr<NamedConnection>(new NamedConnection(std::move(core)));
 }
 
 NamedConnection::NamedConnection(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
 NamedConnection::~NamedConnection() {
-  bool invalidated = false;
   {
     std::lock_guard lock(core_->mutex);
     core_->stopRequested = true;
-    invalidated = core_->invalidateRequested;
   }
   if (!thread_.joinable()) {
     // Never resumed: fail whatever was queued, as the thread would have.
@@ -62,41 +72,39 @@ NamedConnection::~NamedConnection() {
       std::lock_guard lock(core_->mutex);
       requests.swap(core_->requests);
     }
+    const VelaError error = detail::connectionError(ENOTCONN, "connection closed");
     for (detail::Request& request : requests) {
-      invokeGuarded(request.onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection closed"));
+      if (request.waiter) {
+        (void)request.waiter->answer(CallOutcome{std::nullopt, error});
+      } else {
+        invokeGuarded(request.onFailure, error);
+      }
     }
     return;
   }
   core_->wake();
-  // An invalidated connection ends at once and is joined. A merely released
-  // one may still wait for answers in flight, so it ends by itself. From
-  // inside one of its own handlers, or in a forked child where the thread
-  // does not exist, the thread cannot be joined at all.
-  if (invalidated && thread_.get_id() != std::this_thread::get_id() && belongsToThisProcess()) {
-    thread_.join();
-  } else {
-    thread_.detach();
-  }
+  // The thread ends by itself: at once when invalidated, else once what is
+  // in flight is answered. Waiting for it could deadlock on a handler that
+  // waits for a lock the releasing thread holds.
+  thread_.detach();
 }
 
-void NamedConnection::setInterruptionHandler(std::function<void()> handler) {
+void NamedConnection::setInterruptionHandler(std::function<void(Trouble)> handler) {
   core_->interruptionHandler = std::move(handler);
 }
 
-void NamedConnection::setInvalidationHandler(std::function<void()> handler) {
+void NamedConnection::setInvalidationHandler(std::function<void(Trouble)> handler) {
   core_->invalidationHandler = std::move(handler);
 }
 
 void NamedConnection::resume() {
   if (thread_.joinable()) return;
-  if (core_->wakeFd < 0) {
+  if (!hasLoop()) {
     invalidate();
+    return;
   }
   detail::registerForExitFlush(core_);
-  thread_ = std::thread([core = core_] {
-    if (core->wakeFd < 0) return;
-    detail::runLoop(core);
-  });
+  thread_ = std::thread([core = core_] { detail::runLoop(core); });
 }
 
 void NamedConnection::invalidate() {
@@ -107,73 +115,66 @@ bool NamedConnection::belongsToThisProcess() const noexcept {
   return core_->generation == detail::forkGeneration.load();
 }
 
-bool NamedConnection::hasLoop() const noexcept { return belongsToThisProcess() && core_->wakeFd >= 0; }
+bool NamedConnection::hasLoop() const noexcept {
+  return belongsToThisProcess() && core_->wakeFd >= 0 && core_->readerWakeFd >= 0 && core_->epollFd >= 0;
+}
 
 bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
+
+void NamedConnection::enqueue(detail::Request request) {
+  core_->post([&] { core_->requests.push_back(std::move(request)); });
+}
 
 void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply,
                                  FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect) {
   if (!hasLoop()) {
-    invokeGuarded(onFailure, transportError(kErrorDisconnected, ENOTCONN, "connection unusable in this process"));
+    invokeGuarded(onFailure, detail::connectionError(ENOTCONN, "connection unusable in this process"));
     return;
   }
-  core_->post([&] {
-    core_->requests.push_back(
-        detail::Request{&member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)});
-  });
-}
-
-NamedConnection::Delivery NamedConnection::callMethodAndWait(const protocol::Member& member, VelaDictionary args,
-                                                             ReplyHandler onReply, FailureHandler onFailure,
-                                                             std::shared_ptr<const Reconnect> reconnect,
-                                                             std::chrono::steady_clock::time_point deadline) {
-  const bool mayRead = hasLoop() && core_->readerWakeFd >= 0 && detail::loopOfThisThread != core_.get() && onReply;
-  if (mayRead) {
-    std::unique_lock busLock(core_->busMutex);
-    // Work still queued for the connection's thread goes first, in order.
-    if (core_->loop != nullptr && core_->queueEmpty()) {
-      return detail::callAndWait(
-          *core_->loop,
-          detail::Request{&member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect)},
-          deadline, busLock);
-    }
-  }
-  callMethod(member, std::move(args), std::move(onReply), std::move(onFailure), std::move(reconnect));
-  return Delivery::kPending;
+  enqueue(detail::Request{&member, std::move(args), nullptr, std::move(onReply), std::move(onFailure),
+                          std::move(reconnect)});
 }
 
 NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
                                                    std::shared_ptr<const Reconnect> reconnect,
                                                    std::chrono::steady_clock::time_point deadline) {
-  struct Slot {
-    std::mutex mutex;
-    std::condition_variable answered;
-    bool done = false;    // guarded by mutex
-    CallOutcome outcome;  // guarded by mutex
-    void finish(CallOutcome given) {
-      {
-        std::lock_guard lock(mutex);
-        if (done) return;
-        done = true;
-        outcome = std::move(given);
-      }
-      answered.notify_all();
-    }
-  };
-  auto slot = std::make_shared<Slot>();
-  const Delivery delivery = callMethodAndWait(
-      member, std::move(args),
-      [slot](VelaDictionary reply) {
-        slot->finish(CallOutcome{std::move(reply), {}});
-      },
-      [slot](const VelaError& error) {
-        slot->finish(CallOutcome{{}, error});
-      },
-      std::move(reconnect), deadline);
-  std::unique_lock lock(slot->mutex);
-  if (delivery == Delivery::kPending) slot->answered.wait_until(lock, deadline, [&] { return slot->done; });
-  slot->done = true;  // a later answer is dropped
-  return std::move(slot->outcome);
+  if (!hasLoop())
+    return CallOutcome{std::nullopt, detail::connectionError(ENOTCONN, "connection unusable in this process")};
+  if (core_->onLoopThread()) {
+    return CallOutcome{std::nullopt,
+                       detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};
+  }
+  auto waiter = std::make_shared<detail::Waiter>();
+  detail::Request request{&member, std::move(args), waiter, nullptr, nullptr, nullptr};
+  std::unique_lock busLock(core_->busMutex, std::defer_lock);
+  if (!busLock.try_lock_until(deadline)) return {};
+  detail::Link* link = core_->link;
+  // Work still queued for the connection's thread goes first, in order; so
+  // does everything before the thread has opened the bus.
+  if (link == nullptr || !core_->queueEmpty()) {
+    busLock.unlock();
+    enqueue(std::move(request));
+    return detail::awaitAsFollower(*core_, waiter, deadline);
+  }
+  switch (link->start(request)) {
+    case detail::Link::Started::kSent:
+      return detail::awaitAnswer(*core_, waiter, deadline, busLock);
+    case detail::Link::Started::kFailed:
+      busLock.unlock();
+      return waiter->takeOutcome();
+    case detail::Link::Started::kBusGone:
+      break;
+  }
+  // The request never left: the bus behind this connection is gone. Report
+  // the loss, then make the call once on a fresh connection.
+  link->interrupt(Trouble::kBusLost);
+  busLock.unlock();
+  core_->wake();
+  std::shared_ptr<NamedConnection> fresh;
+  if (reconnect && *reconnect) fresh = (*reconnect)();
+  if (!fresh || fresh.get() == this)
+    return CallOutcome{std::nullopt, detail::connectionError(ENOTCONN, "bus connection lost")};
+  return fresh->call(member, std::move(request.args), nullptr, deadline);
 }
 
 void NamedConnection::listenForNotifications(std::string center, NotificationSink sink) {

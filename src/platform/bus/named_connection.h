@@ -18,6 +18,9 @@
 #include "protocol/schema.h"
 
 namespace vela::bus {
+namespace detail {
+struct Request;
+}  // namespace detail
 
 using ReplyHandler = std::function<void(VelaDictionary reply)>;
 using FailureHandler = std::function<void(const VelaError& error)>;
@@ -29,19 +32,30 @@ class NamedConnection;
 // Supplies a fresh connection for a request that could not leave a dead one.
 using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
 
+// Why a connection stopped being usable.
+enum class Trouble {
+  kOwnerChanged,    // the service's name lost its owner or changed hands
+  kBusLost,         // the bus connection dropped
+  kUnreachable,     // the service cannot be reached (no owner and no activation, access denied)
+  kBusUnavailable,  // no bus could be opened at all
+  kInvalidated,     // invalidate() was called
+};
+
 // A connection to one named service, with a thread of its own.
 //
 // The connection opens a private bus connection (never the process's shared
-// one) and runs its event loop on "the connection's thread". Other threads
-// hand their requests over through a queue and wake the loop. Replies,
-// failures and the interruption and invalidation handlers run on that
-// thread. The one exception is callMethodAndWait(), whose caller sends its
-// request itself and may read its own answer. sd-bus objects are used by one
-// thread at a time, under a lock.
+// one) and runs its event loop on "the connection's thread". Handlers of
+// asynchronous requests, notification sinks and the interruption and
+// invalidation handlers run there, with no lock held, in the order their
+// messages arrived. A synchronous call (call()) instead sends its request
+// from the calling thread and gets its answer back as a value, reading the
+// bus itself while nobody else does. sd-bus objects are used by one thread
+// at a time, under a lock (see connection_core.h).
 //
 // Interruption: the service's name lost its owner, or the bus dropped.
 // Invalidation: the service cannot be reached (no owner and no activation,
-// access denied, no bus), or invalidate() was called.
+// access denied, no bus), or invalidate() was called. Both handlers are told
+// which (Trouble).
 //
 // Either handler tells the owner to stop using the connection. Requests
 // already on the wire still get their real outcome: the bus answers each one
@@ -50,7 +64,7 @@ using Reconnect = std::function<std::shared_ptr<NamedConnection>()>;
 //
 // A connection released without invalidate() finishes its requests in flight
 // on its own thread (for at most 5 seconds) and then ends; one invalidated
-// first ends at once.
+// first ends at once. Releasing never waits for the connection's thread.
 class NamedConnection {
  public:
   // `options` with kPrivilegedOption selects the system bus, else the session
@@ -63,8 +77,8 @@ class NamedConnection {
   NamedConnection& operator=(NamedConnection&&) = delete;
 
   // Set both before resume(). Each runs at most once, on the connection's thread.
-  void setInterruptionHandler(std::function<void()> handler);
-  void setInvalidationHandler(std::function<void()> handler);
+  void setInterruptionHandler(std::function<void(Trouble)> handler);
+  void setInvalidationHandler(std::function<void(Trouble)> handler);
 
   // Starts the connection's thread and connects. Thread: any, once.
   void resume();
@@ -102,28 +116,14 @@ class NamedConnection {
   };
 
   // Sends one call of `member` and blocks the calling thread until its
-  // answer, a failure, or `deadline`, whichever comes first. Returns by the
-  // deadline whatever other threads are doing. Thread: any.
+  // answer, a failure, or `deadline`, whichever comes first: it returns by
+  // the deadline whatever other threads are doing. When this connection's
+  // bus is already gone the call is made once on the connection `reconnect`
+  // supplies. On the connection's own thread it fails at once: the answer
+  // could only be read by the thread that is waiting for it.
+  // Thread: any.
   CallOutcome call(const protocol::Member& member, VelaDictionary args, std::shared_ptr<const Reconnect> reconnect,
                    std::chrono::steady_clock::time_point deadline);
-
-  // What callMethodAndWait() leaves to its caller.
-  enum class Delivery {
-    kDelivered,       // a handler has run
-    kPending,         // a handler runs later, on some thread: wait for it
-    kDeadlinePassed,  // no handler ran and none will
-  };
-
-  // callMethod() for a caller that blocks until the answer. While no other
-  // thread reads the bus, the calling thread reads it itself until its own
-  // handler has run or `deadline` passes, which spares the hand-overs
-  // between threads. Its handlers may then run on the calling thread, or on
-  // another caller's, so they must only record the answer and signal; every
-  // other handler and notification still runs on the connection's thread.
-  // Thread: any.
-  Delivery callMethodAndWait(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply,
-                             FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect,
-                             std::chrono::steady_clock::time_point deadline);
 
   // Delivers to `sink`, on the connection's thread, each notification of the
   // center named `center` that the current owner of the service name sends,
@@ -141,6 +141,9 @@ class NamedConnection {
 
   // Whether requests can reach the connection's thread from this process.
   bool hasLoop() const noexcept;
+
+  // Queues `request` for the connection's thread.
+  void enqueue(detail::Request request);
 
   std::shared_ptr<Core> core_;
   std::thread thread_;

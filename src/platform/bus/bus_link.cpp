@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/bus_link.h"
+
+#include <poll.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/bus/variant_codec.h"
+#include "protocol/daemon_error.h"
+#include "protocol/names.h"
+
+namespace vela::bus::detail {
+namespace {
+
+constexpr std::string_view kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr std::string_view kErrorInconsistentMessage = "org.freedesktop.DBus.Error.InconsistentMessage";
+
+// Errors after which the service cannot be reached through this connection.
+bool meansUnreachable(const char* name) {
+  return name != nullptr && (std::strcmp(name, "org.freedesktop.DBus.Error.ServiceUnknown") == 0 ||
+                             std::strcmp(name, "org.freedesktop.DBus.Error.NameHasNoOwner") == 0 ||
+                             std::strcmp(name, "org.freedesktop.DBus.Error.AccessDenied") == 0);
+}
+
+bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r == -EPIPE || r == -ESHUTDOWN; }
+
+// What a reply carried, read where it arrived. Only the keys the member
+// reads are decoded: a daemon that adds keys, whatever their type, still
+// answers older clients.
+NamedConnection::CallOutcome readOutcome(sd_bus_message* reply, const protocol::Member& member) {
+  NamedConnection::CallOutcome outcome;
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
+    const sd_bus_error* error = sd_bus_message_get_error(reply);
+    const int errnoCode = sd_bus_message_get_errno(reply);
+    outcome.failure = transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
+                                     error->message != nullptr ? error->message : "");
+    return outcome;
+  }
+  std::string whyNot = "reply is not a{sv}";
+  const std::array<protocol::Fields, 2> described{member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) outcome.reply = readDescribedKeys(reply, described, &whyNot);
+  if (!outcome.reply) outcome.failure = transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
+  return outcome;
+}
+
+}  // namespace
+
+VelaError connectionError(int errnoCode, std::string_view why) {
+  return transportError(kErrorDisconnected, errnoCode, why);
+}
+
+Link::~Link() { close("connection closed"); }
+
+void Link::open() {
+  core_.busMutex.assertHeld();
+  const int r = core_.bus == BusKind::kSystem ? sd_bus_open_system(&bus_) : sd_bus_open_user(&bus_);
+  if (r < 0) {
+    bus_ = nullptr;
+    unreachable(Trouble::kBusUnavailable);
+    return;
+  }
+  // A dropped bus is an interruption to report, never a reason to exit.
+  sd_bus_set_exit_on_disconnect(bus_, 0);
+  if (owners_.attach(bus_, core_.service) < 0) {
+    owners_.detach();
+    bus_ = sd_bus_close_unref(bus_);
+    unreachable(Trouble::kBusUnavailable);
+  }
+}
+
+Link::Started Link::start(Request& request) {
+  core_.busMutex.assertHeld();
+  if (invalidated_) {
+    fail(request, connectionError(ENOTCONN, "connection invalidated"));
+    return Started::kFailed;
+  }
+  if (!usable()) return Started::kBusGone;
+  sd_bus_message* message = nullptr;
+  // The names are the protocol's literals, NUL-terminated.
+  int r = sd_bus_message_new_method_call(bus_, &message, core_.service.c_str(), protocol::kObjectPath.data(),
+                                         protocol::kHandsetActionsInterface.data(), request.member->name.data());
+  const std::array<protocol::Fields, 1> described{request.member->request};
+  if (r >= 0) r = appendDictionary(message, request.args, described);
+  if (r < 0) {
+    sd_bus_message_unref(message);
+    if (meansDisconnected(r)) return Started::kBusGone;
+    fail(request, r == -EINVAL ? transportError(kErrorInvalidArgs, EINVAL, "arguments cannot be sent")
+                               : connectionError(-r, std::strerror(-r)));
+    return Started::kFailed;
+  }
+  if (!request.expectsReply()) {
+    sd_bus_message_set_expect_reply(message, 0);
+    r = sd_bus_send(bus_, message, nullptr);
+    sd_bus_message_unref(message);
+    if (r < 0) fail(request, connectionError(-r, std::strerror(-r)));
+    return r < 0 ? Started::kFailed : Started::kSent;
+  }
+  pending_.emplace_front();
+  PendingCall& call = pending_.front();
+  call.position = pending_.begin();
+  call.link = this;
+  call.member = request.member;
+  call.waiter = std::move(request.waiter);
+  call.onReply = std::move(request.onReply);
+  call.onFailure = std::move(request.onFailure);
+  // No sd-bus time-out: a request waits for its answer or for the
+  // connection to fail. Synchronous callers keep their own deadline.
+  r = sd_bus_call_async(bus_, &call.slot, message, &Link::onReply, &call, UINT64_MAX);
+  sd_bus_message_unref(message);
+  if (r < 0) {
+    request.waiter = std::move(call.waiter);
+    request.onReply = std::move(call.onReply);
+    request.onFailure = std::move(call.onFailure);
+    pending_.erase(call.position);
+    if (meansDisconnected(r)) return Started::kBusGone;
+    fail(request, connectionError(-r, std::strerror(-r)));
+    return Started::kFailed;
+  }
+  if (!call.waiter) ++pendingInBackground_;
+  return Started::kSent;
+}
+
+void Link::fail(Request& request, const VelaError& error) {
+  if (request.waiter) {
+    (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
+  } else if (request.onFailure) {
+    defer([onFailure = std::move(request.onFailure), error] { invokeGuarded(onFailure, error); });
+  }
+}
+
+bool Link::process(const std::function<bool()>& enough) {
+  core_.busMutex.assertHeld();
+  if (!usable()) return false;
+  int r = 0;
+  while (!enough() && (r = sd_bus_process(bus_, nullptr)) > 0) {
+  }
+  if (r < 0) {
+    // The bus broke under the reader: whoever reads reports it.
+    close("bus connection lost");
+    interrupt(Trouble::kBusLost);
+    return false;
+  }
+  return true;
+}
+
+bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
+  if (!usable()) return false;
+  fd = sd_bus_get_fd(bus_);
+  events = sd_bus_get_events(bus_);
+  return fd >= 0 && events >= 0 && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
+}
+
+bool Link::awaitsBackground() const {
+  return usable() && (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus());
+}
+
+bool Link::hasUndispatched() const {
+  std::uint64_t timeout = UINT64_MAX;
+  return usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+}
+
+int Link::onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+  auto* raw = static_cast<PendingCall*>(userdata);
+  Link* link = raw->link;
+  // sd-bus holds its own reference while it dispatches, so dropping ours
+  // here is safe and keeps the slot from outliving the call.
+  sd_bus_slot_unref(raw->slot);
+  PendingCall call = std::move(*raw);
+  link->pending_.erase(call.position);
+  if (!call.waiter) --link->pendingInBackground_;
+  const bool unreachable =
+      sd_bus_message_is_method_error(reply, nullptr) != 0 && meansUnreachable(sd_bus_message_get_error(reply)->name);
+  link->deliver(call, readOutcome(reply, *call.member));
+  if (unreachable) link->unreachable(Trouble::kUnreachable);
+  return 0;
+}
+
+void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
+  if (call.waiter) {
+    // A caller that gave up drops it here.
+    (void)call.waiter->answer(std::move(outcome));
+    return;
+  }
+  defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure),
+         outcome = std::move(outcome)]() mutable {
+    if (outcome.failure) {
+      invokeGuarded(onFailure, *outcome.failure);
+    } else {
+      invokeGuarded(onReply, std::move(*outcome.reply));
+    }
+  });
+}
+
+void Link::dropAbandoned() {
+  for (auto it = pending_.begin(); it != pending_.end();) {
+    auto next = std::next(it);
+    if (it->waiter && it->waiter->abandoned()) {
+      sd_bus_slot_unref(it->slot);
+      pending_.erase(it);
+    }
+    it = next;
+  }
+}
+
+void Link::interrupt(Trouble why) {
+  if (interrupted_ || reportedInvalid_) return;
+  interrupted_ = true;
+  core_.defunct = true;
+  defer([&core = core_, why] { invokeGuarded(core.interruptionHandler, why); });
+}
+
+void Link::unreachable(Trouble why) {
+  if (reportedInvalid_) return;
+  reportedInvalid_ = true;
+  core_.defunct = true;
+  defer([&core = core_, why] { invokeGuarded(core.invalidationHandler, why); });
+}
+
+void Link::invalidate() {
+  if (invalidated_) return;
+  invalidated_ = true;
+  close("connection invalidated");
+  unreachable(Trouble::kInvalidated);
+}
+
+// Fails what is in flight and lets go of the bus. Answers already read stay
+// queued ahead of the failures: they are real.
+void Link::close(const char* why) {
+  std::list<PendingCall> failed;
+  failed.swap(pending_);
+  pendingInBackground_ = 0;
+  for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
+  owners_.detach();
+  bus_ = sd_bus_close_unref(bus_);
+  if (!failed.empty()) {
+    const VelaError error = connectionError(ENOTCONN, why);
+    for (auto& call : failed) deliver(call, NamedConnection::CallOutcome{std::nullopt, error});
+  }
+  // A caller reading the bus learns that its call has just failed.
+  NamedConnection::Core::signalFd(core_.readerWakeFd);
+}
+
+}  // namespace vela::bus::detail

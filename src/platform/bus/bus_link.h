@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <vector>
+
+#include <systemd/sd-bus.h>
+
+#include "platform/bus/connection_core.h"
+#include "platform/bus/owner_watch.h"
+
+namespace vela::bus::detail {
+
+// A connection's sd-bus objects and the calls in flight on them.
+//
+// THREADING: every member is used under the core's busMutex, by the
+// connection's thread or by a caller reading its own reply. Host code (the
+// handlers of asynchronous requests, notification sinks, interruption and
+// invalidation handlers) never runs here: it is deferred to the connection's
+// thread, which runs it without any lock held, in the order it arrived.
+// Synchronous callers' answers go straight to their waiters.
+class Link {
+ public:
+  explicit Link(NamedConnection::Core& core) : core_(core), owners_(*this) {}
+  Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
+  Link(Link&&) = delete;
+  Link& operator=(Link&&) = delete;
+  ~Link();
+
+  NamedConnection::Core& core() const { return core_; }
+
+  // Opens the bus; when it cannot be, the service counts as unreachable.
+  void open();
+
+  bool usable() const { return bus_ != nullptr && sd_bus_is_open(bus_) > 0; }
+
+  enum class Started { kSent, kFailed, kBusGone };
+
+  // Puts `request` on the wire. kFailed: its failure has been delivered.
+  // kBusGone: it never left, and is still whole in `request`.
+  Started start(Request& request);
+
+  // Reads and dispatches what has arrived until `enough()` is true or
+  // nothing more is there without waiting. Closes the bus (failing all in
+  // flight) when it broke; returns false then.
+  bool process(const std::function<bool()>& enough);
+
+  // Applies one subscription change. On the connection's thread.
+  void subscribe(Subscription subscription) { owners_.subscribe(std::move(subscription)); }
+
+  // What a reader polls the bus for: fd and events, and an sd-bus time-out
+  // (absolute CLOCK_MONOTONIC microseconds, UINT64_MAX for none). False
+  // when the bus is not usable.
+  bool pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const;
+
+  // Whether anything but synchronous callers waits on the bus: requests
+  // whose handlers run on the connection's thread, notifications, or the
+  // bus's own answers to the connection's set-up. While something does and
+  // no caller reads, the connection's thread must watch the bus.
+  bool awaitsBackground() const;
+
+  // Whether sd-bus holds messages already read but not yet dispatched.
+  bool hasUndispatched() const;
+
+  // Fails everything in flight and lets go of the bus. Idempotent.
+  void close(const char* why);
+
+  // invalidate(): fails everything now and for good, then reports.
+  void invalidate();
+  bool invalidated() const { return invalidated_; }
+
+  void flush() {
+    if (usable()) (void)sd_bus_flush(bus_);
+  }
+
+  bool idle() const { return pending_.empty(); }
+
+  // Runs `task` on the connection's thread, after the current holder of the
+  // bus lets go of it.
+  void defer(std::function<void()> task) { deferred_.push_back(std::move(task)); }
+  std::vector<std::function<void()>> takeDeferred() { return std::exchange(deferred_, {}); }
+  bool hasDeferred() const { return !deferred_.empty(); }
+
+  // The service's owner went away or changed, or the bus dropped: the owner
+  // must stop using the connection. Reported once.
+  void interrupt(Trouble why);
+  // The service cannot be reached through this connection. Reported once.
+  void unreachable(Trouble why);
+
+  // Forgets calls whose synchronous callers gave up.
+  void dropAbandoned();
+
+ private:
+  struct PendingCall {
+    Link* link = nullptr;
+    sd_bus_slot* slot = nullptr;
+    const protocol::Member* member = nullptr;
+    std::shared_ptr<Waiter> waiter;  // a synchronous caller, or
+    ReplyHandler onReply;            // the handlers, run on the connection's thread
+    FailureHandler onFailure;
+    std::list<PendingCall>::iterator position;
+  };
+
+  // Delivers a call's outcome: to its waiter at once, or to its handlers on
+  // the connection's thread.
+  void deliver(PendingCall& call, NamedConnection::CallOutcome outcome);
+  void fail(Request& request, const VelaError& error);
+
+  static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+
+  NamedConnection::Core& core_;
+  sd_bus* bus_ = nullptr;
+  OwnerWatch owners_;
+  std::list<PendingCall> pending_;
+  std::size_t pendingInBackground_ = 0;  // pending calls with handlers rather than a waiter
+  std::vector<std::function<void()>> deferred_;
+  bool interrupted_ = false;
+  bool reportedInvalid_ = false;  // the invalidation handler was scheduled
+  bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more
+};
+
+// The error a transport failure is reported with.
+VelaError connectionError(int errnoCode, std::string_view why);
+
+}  // namespace vela::bus::detail

@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: MIT
+#include "platform/bus/reader_handoff.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <optional>
+
+#include "platform/bus/bus_link.h"
+
+namespace vela::bus::detail {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Core = NamedConnection::Core;
+using CallOutcome = NamedConnection::CallOutcome;
+
+void consumeWake(int fd) {
+  std::uint64_t count = 0;
+  const ssize_t got = ::read(fd, &count, sizeof count);
+  (void)got;
+}
+
+// Milliseconds for poll() until the earlier of an sd-bus time-out (absolute
+// CLOCK_MONOTONIC microseconds, UINT64_MAX for none) and `deadline`, rounded
+// up so that a wake-up never comes before what it waits for.
+int pollTimeout(std::uint64_t busTimeoutUsec, Clock::time_point deadline) {
+  using std::chrono::microseconds;
+  auto wait = std::chrono::duration_cast<microseconds>(deadline - Clock::now());
+  if (busTimeoutUsec != UINT64_MAX) {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const std::uint64_t nowUsec =
+        static_cast<std::uint64_t>(now.tv_sec) * 1'000'000U + static_cast<std::uint64_t>(now.tv_nsec) / 1000U;
+    const auto busWait = microseconds(busTimeoutUsec > nowUsec ? busTimeoutUsec - nowUsec : 0);
+    wait = std::min(wait, busWait);
+  }
+  const std::int64_t usec = std::max<std::int64_t>(wait.count(), 0);
+  return static_cast<int>(std::min<std::int64_t>((usec + 999) / 1000, std::numeric_limits<int>::max()));
+}
+
+// The caller gives up: whatever came in time is still its answer.
+CallOutcome finish(Core& core, Waiter& waiter) {
+  if (waiter.abandon()) core.abandonedCalls.fetch_add(1, std::memory_order_relaxed);
+  return waiter.takeOutcome();
+}
+
+// Whether every caller still queued for the bus has its answer already.
+bool noneStillWaiting(Core& core) {
+  std::lock_guard lock(core.mutex);
+  return std::all_of(core.waiting.begin(), core.waiting.end(),
+                     [](const std::shared_ptr<Waiter>& waiter) { return waiter->answered() || waiter->abandoned(); });
+}
+
+// Reads the bus, holding the reader role and `busLock`, until `waiter` is
+// answered or `deadline` passes.
+CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
+                              std::unique_lock<BusMutex>& busLock) {
+  for (;;) {
+    Link* link = core.link;
+    if (link == nullptr) break;
+    if (core.abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link->dropAbandoned();
+    const bool alive = link->process([&waiter] { return waiter.answered(); });
+    if (link->hasDeferred()) core.wake();
+    if (waiter.answered()) {
+      // Answers read along with this one go to their callers now, rather
+      // than each waiting for the bus to be handed to it.
+      if (alive) (void)link->process([&core] { return noneStillWaiting(core); });
+      if (link->hasDeferred()) core.wake();
+      break;
+    }
+    int fd = -1;
+    int events = 0;
+    std::uint64_t busTimeout = UINT64_MAX;
+    if (!alive || !link->pollSpec(fd, events, busTimeout) || Clock::now() >= deadline) break;
+    std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
+                              pollfd{core.readerWakeFd, POLLIN, 0}};
+    const int timeout = pollTimeout(busTimeout, deadline);
+    busLock.unlock();
+    (void)::poll(fds.data(), fds.size(), timeout);
+    if ((fds[1].revents & POLLIN) != 0) consumeWake(core.readerWakeFd);
+    if (!busLock.try_lock_until(deadline)) {
+      // Another thread holds the bus past this caller's deadline: leave
+      // the reading to others without waiting for it.
+      releaseReader(core, nullptr);
+      return finish(core, waiter);
+    }
+  }
+  releaseReader(core, core.link);
+  busLock.unlock();
+  return finish(core, waiter);
+}
+
+std::uint32_t epollEvents(int pollEvents) {
+  std::uint32_t events = 0;
+  if ((pollEvents & POLLIN) != 0) events |= EPOLLIN;
+  if ((pollEvents & POLLOUT) != 0) events |= EPOLLOUT;
+  return events;
+}
+
+}  // namespace
+
+void armLoop(Core& core, int fd, int pollEvents) {
+  const std::uint32_t events = epollEvents(pollEvents);
+  if (core.armedBusFd == fd && core.armedEvents == events) return;
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  const int op = core.armedBusFd == fd ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  if (core.armedBusFd >= 0 && core.armedBusFd != fd)
+    (void)epoll_ctl(core.epollFd, EPOLL_CTL_DEL, core.armedBusFd, nullptr);
+  if (epoll_ctl(core.epollFd, op, fd, &event) == 0) {
+    core.armedBusFd = fd;
+    core.armedEvents = events;
+  }
+}
+
+void disarmLoop(Core& core) {
+  if (core.armedEvents == 0) return;
+  epoll_event event{};
+  event.data.fd = core.armedBusFd;
+  // With no events asked for, only a hang-up or an error still wakes the
+  // loop, and both are its business.
+  if (epoll_ctl(core.epollFd, EPOLL_CTL_MOD, core.armedBusFd, &event) == 0) core.armedEvents = 0;
+}
+
+void releaseReader(Core& core, Link* link) {
+  bool wakeLoop = false;
+  {
+    std::lock_guard lock(core.mutex);
+    while (!core.waiting.empty()) {
+      std::shared_ptr<Waiter> next = std::move(core.waiting.front());
+      core.waiting.pop_front();
+      // The bus passes at once, so that no newcomer takes it meanwhile.
+      if (next->giveBus()) {
+        core.reader = Reader::kCaller;
+        return;
+      }
+    }
+    core.reader = Reader::kNone;
+    if (link == nullptr || link->hasDeferred() || link->hasUndispatched()) {
+      wakeLoop = true;
+    } else if (link->awaitsBackground()) {
+      int fd = -1;
+      int events = 0;
+      std::uint64_t timeout = UINT64_MAX;
+      if (link->pollSpec(fd, events, timeout)) armLoop(core, fd, events);
+    }
+  }
+  if (wakeLoop) core.wake();
+}
+
+CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, Clock::time_point deadline,
+                        std::unique_lock<BusMutex>& busLock) {
+  bool reads = false;
+  {
+    std::lock_guard lock(core.mutex);
+    if (core.reader == Reader::kNone) {
+      core.reader = Reader::kCaller;
+      disarmLoop(core);
+      reads = true;
+    } else {
+      core.waiting.push_back(waiter);
+    }
+  }
+  if (reads) return readUntilAnswered(core, *waiter, deadline, busLock);
+  busLock.unlock();
+  return awaitAsFollower(core, waiter, deadline);
+}
+
+CallOutcome awaitAsFollower(Core& core, const std::shared_ptr<Waiter>& waiter, Clock::time_point deadline) {
+  switch (waiter->sleepUntil(deadline)) {
+    case Waiter::Woken::kAnswered:
+      return waiter->takeOutcome();
+    case Waiter::Woken::kDeadline:
+      core.abandonedCalls.fetch_add(1, std::memory_order_relaxed);
+      return {};
+    case Waiter::Woken::kGivenBus:
+      break;
+  }
+  std::unique_lock busLock(core.busMutex, std::defer_lock);
+  if (!busLock.try_lock_until(deadline)) {
+    releaseReader(core, nullptr);
+    return finish(core, *waiter);
+  }
+  return readUntilAnswered(core, *waiter, deadline, busLock);
+}
+
+}  // namespace vela::bus::detail
