@@ -25,6 +25,7 @@ enum class Trouble;
 }  // namespace vela::bus
 namespace vela::session {
 struct SessionInternals;
+class CompletionGate;
 }  // namespace vela::session
 namespace vela::notify {
 class DistributedCenter;
@@ -43,19 +44,22 @@ struct Notification;
 // A session may be used from any thread, by several threads at once. The
 // session owns one connection with a thread of its own, "the connection's
 // thread": reply closures, completions of the asynchronous operations and the
-// connection's handlers run there. Never block the connection's thread on a
-// synchronous operation of the same session: it would wait out its 5 seconds.
+// connection's handlers run there, with none of the library's locks held. A
+// synchronous operation called on the connection's thread fails at once with
+// 106 "timed out": its answer could only be read by that very thread.
 //
 // BLOCKING
-// A synchronous operation holds up only its calling thread. Other threads'
+// A synchronous operation holds up only its calling thread, for at most 5
+// seconds from its start, whatever other threads are doing. Other threads'
 // calls proceed concurrently over the same connection.
 //
 // LIFETIME
 // Sessions are shared with std::shared_ptr. The connection is made on first
 // use and again after the daemon or the bus went away, so a session outlives
 // daemon restarts. Destroying the session stops vetting notifications, clears
-// the delegate and closes the connection; replies that arrive later are
-// dropped. The shared instance lives until the process ends.
+// the delegate and closes the connection; completions and replies that have
+// not started by then are dropped, and the destructor never waits for the
+// connection's thread. The shared instance lives until the process ends.
 //
 // EXAMPLE
 //   auto session = VelaNotifySession::sharedInstance();
@@ -111,9 +115,14 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   using InProgressCompletion = std::function<void(bool inProgress, std::optional<VelaError> error)>;
 
   // Asks the daemon for its locating state and returns at once. `completion`
-  // (may be empty) runs with the state and the daemon's error as delivered,
-  // or with state 4 and the transport error when the request cannot be
-  // carried. Never called if the daemon never answers: there is no time-out.
+  // (may be empty) runs at most once: with the state and the daemon's error
+  // as delivered, or with state 4 and the transport error when the request
+  // cannot be carried. Never called if the daemon never answers (there is no
+  // time-out), nor once the session's destructor has begun: a request still
+  // in flight then is dropped. The destructor does not wait for a completion
+  // already running (it might be waiting for a lock the destroying thread
+  // holds), so it is safe to destroy the session from inside a completion
+  // or while holding a lock a completion takes.
   // Leaves velaLastOperationResult at 0.
   // Blocks: no.  Runs on: the connection's thread.
   void locusStateWithCompletion(LocusStateCompletion completion);
@@ -280,6 +289,8 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   std::weak_ptr<VelaNotifySessionDelegate> delegate_;           // guarded by fieldsMutex_
   // Vetting observers are registered: the session keeps a connection listening.
   std::atomic<bool> vetListening_{false};
+  // Set once at construction: lets completions start only while the session exists.
+  std::shared_ptr<vela::session::CompletionGate> completions_;
   // Set once at construction: how a request whose connection died before it
   // was sent finds the session's next connection.
   std::shared_ptr<const std::function<std::shared_ptr<vela::bus::NamedConnection>()>> reconnect_;

@@ -8,13 +8,15 @@
 namespace calls = vela::session::calls;
 
 void VelaNotifySession::locusStateWithCompletion(LocusStateCompletion completion) {
-  auto onFailure = [completion](const VelaError& error) {
-    if (completion) completion(vela::protocol::kLocusStateUnknown, error);
+  // Exactly one of the two runs, and only while the session exists.
+  auto finish = [gate = vela::session::SessionInternals::completions(*this), completion = std::move(completion)](
+                    std::int32_t state, std::optional<VelaError> error) {
+    if (completion) gate->run([&] { completion(state, std::move(error)); });
   };
+  auto onFailure = [finish](const VelaError& error) { finish(vela::protocol::kLocusStateUnknown, error); };
   vela::session::callAsynchronously(*this, "locusState", onFailure, [&](auto& proxy) {
-    proxy.getLocusStateUsingCallback([completion](std::int32_t state, std::optional<VelaError> error) {
-      if (completion) completion(state, std::move(error));
-    });
+    proxy.getLocusStateUsingCallback(
+        [finish](std::int32_t state, std::optional<VelaError> error) { finish(state, std::move(error)); });
   });
 }
 

@@ -5,6 +5,7 @@
 #include "platform/bus/named_connection.h"
 #include "platform/notify/distributed_center.h"
 #include "protocol/names.h"
+#include "session/completion_gate.h"
 #include "session/connection_queue.h"
 
 using vela::bus::NamedConnection;
@@ -31,6 +32,7 @@ std::shared_ptr<VelaNotifySession> VelaNotifySession::initWithDelegate(
 
 std::shared_ptr<VelaNotifySession> VelaNotifySession::make() {
   auto session = std::make_shared<VelaNotifySession>(PassKey{});
+  session->completions_ = std::make_shared<vela::session::CompletionGate>();
   // Made once and shared by every request: a request that finds its
   // connection's bus gone asks the session, held weakly, for a fresh one.
   session->reconnect_ = std::make_shared<const vela::bus::Reconnect>(
@@ -42,6 +44,9 @@ std::shared_ptr<VelaNotifySession> VelaNotifySession::make() {
 }
 
 VelaNotifySession::~VelaNotifySession() {
+  // First, so that no completion starts once the session is going; one
+  // already running is not waited for (it may wait for a lock this thread holds).
+  completions_->close();
   // Stop hearing from the daemon first, then forget the delegate, then close
   // the connection, so that nothing reaches a half-destroyed session. With
   // the center cleared, the observer removal that follows finds nothing to

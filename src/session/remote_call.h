@@ -12,6 +12,7 @@
 #include <vela/VelaSync.h>
 
 #include "protocol/time_limit.h"
+#include "session/completion_gate.h"
 #include "session/handset_actions_proxy.h"
 #include "session/member_calls.h"
 
@@ -24,6 +25,9 @@ namespace vela::session {
 struct SessionInternals {
   static const std::shared_ptr<const bus::Reconnect>& reconnect(const VelaNotifySession& session) {
     return session.reconnect_;
+  }
+  static const std::shared_ptr<CompletionGate>& completions(const VelaNotifySession& session) {
+    return session.completions_;
   }
 };
 

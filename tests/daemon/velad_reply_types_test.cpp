@@ -25,8 +25,8 @@
 #include <nlohmann/json.hpp>
 
 #include "daemon_errors.h"
-#include "interface_description.h"
-#include "platform/bus/bus_names.h"
+#include "protocol/introspection.h"
+#include "protocol/names.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -92,10 +92,10 @@ std::vector<std::string> itemTypes(const json& items) {
 std::map<std::string, TypeMap> publishedReplyKeys() {
   std::string whyNot;
   const auto methods =
-      daemon::readInterfaceMethods(readFile(VELA_INTERFACE_XML), bus::kHandsetActionsInterface, &whyNot);
+      protocol::readInterfaceMethods(readFile(VELA_INTERFACE_XML), protocol::kHandsetActionsInterface, &whyNot);
   EXPECT_TRUE(methods) << whyNot;
   std::map<std::string, TypeMap> keys;
-  for (const daemon::MethodDescription& method : methods.value_or(std::vector<daemon::MethodDescription>{})) {
+  for (const protocol::MethodDescription& method : methods.value_or(std::vector<protocol::MethodDescription>{})) {
     TypeMap& types = keys[method.name];
     const auto annotation = method.annotations.find("com.zentrex.VelaNotification.ReplyKeys");
     std::istringstream list(annotation != method.annotations.end() ? annotation->second : "");
@@ -134,8 +134,8 @@ class VeladOnTheWire : public AVelad {
   // or the answer is not one a{sv}.
   std::optional<json> busctlCall(std::string_view member, std::string_view request) {
     std::string command = "busctl --json=short call --address=" + shellQuoted(bus_->address()) + " -- " +
-                          shellQuoted(bus::kServiceName) + " " + shellQuoted(bus::kObjectPath) + " " +
-                          shellQuoted(bus::kHandsetActionsInterface) + " " + shellQuoted(member) + " 'a{sv}' " +
+                          shellQuoted(protocol::kServiceName) + " " + shellQuoted(protocol::kObjectPath) + " " +
+                          shellQuoted(protocol::kHandsetActionsInterface) + " " + shellQuoted(member) + " 'a{sv}' " +
                           std::string(request);
     // busctl's complaints go to the test's stderr, next to its failures.
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
