@@ -20,8 +20,8 @@
 
 namespace vela::daemon {
 
-// What velad answers to one request.
-struct Answer {
+// What velad answers to one request; dropping one leaves the caller without a reply.
+struct [[nodiscard]] Answer {
   VelaDictionary values;
   std::optional<VelaError> error;
   // Set when the request is malformed (a key of the wrong type): the caller
@@ -51,7 +51,7 @@ class HandsetActions {
   // Checks that the interface description lists exactly these members, each
   // a{sv} -> a{sv}, with the request and reply keys they are implemented
   // with. nullopt when it does, else what differs.
-  static std::optional<std::string> checkDescription(const std::vector<MethodDescription>& methods);
+  [[nodiscard]] static std::optional<std::string> checkDescription(const std::vector<MethodDescription>& methods);
 
   // Carries out one request from `sender` (unique bus name).
   Answer perform(std::string_view member, const VelaDictionary& args, const std::string& sender);

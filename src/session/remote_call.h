@@ -98,7 +98,8 @@ SyncResult<Values...> callSynchronously(VelaNotifySession& session, std::string_
     slots->fill(std::move(error), std::move(values)...);
     semaphore->signal();
   });
-  if (proxy.lastDelivery() == bus::NamedConnection::Delivery::kPending) semaphore->waitUntil(deadline);
+  // (void): the slots below say whether an answer came, however the wait ended.
+  if (proxy.lastDelivery() == bus::NamedConnection::Delivery::kPending) (void)semaphore->waitUntil(deadline);
   auto outcome = slots->close();
   SyncResult<Values...> result{std::move(outcome.error), std::move(outcome.values)};
   if (!outcome.answered) result.error = session.newErrorForCode(VelaErrorCodeTimedOut, "timed out");

@@ -173,11 +173,17 @@ TEST_F(AConnectionToVelad, RunsCompletionsOnItsOwnThreadWhenACallerReadsTheirRep
 TEST_F(AConnectionToVelad, EndsAWaitingCallAtOnceWhenTheConnectionIsDestroyed) {
   ASSERT_TRUE(session_->locusDeviceId());  // the connection is up before the caller that waits
   behave(member::kEnableLocusInContext, "never");
-  auto stuck = std::async(std::launch::async, [this] { return timed([this] { session_->enableLocusInContext(2); }); });
+  auto stuck = std::async(std::launch::async, [this] {
+    std::optional<VelaError> error;
+    const auto took = timed([&] { error = session_->enableLocusInContext(2); });
+    return std::pair(took, error);
+  });
   ASSERT_TRUE(control_->waitForCall(member::kEnableLocusInContext)) << control_->lastFailure();
 
   session_->_destroyLinkConnection();
-  EXPECT_LT(stuck.get(), 2500ms);
+  const auto [took, error] = stuck.get();
+  EXPECT_LT(took, 2500ms);
+  expectTimedOut(error);
   EXPECT_TRUE(session_->locusDeviceId());
 }
 

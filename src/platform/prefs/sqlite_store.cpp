@@ -43,7 +43,7 @@ std::string homeDirectory() {
   return found->pw_dir;
 }
 
-bool resolvePath(std::string& out) {
+[[nodiscard]] bool resolvePath(std::string& out) {
   if (const char* path = variable(kPathVariable)) {
     out.assign(path);
     return true;
@@ -94,7 +94,7 @@ void createDatabaseFile(const std::string& path) {
 }
 
 // SQLite binds a null pointer as SQL NULL, which an empty string_view may carry.
-int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
+[[nodiscard]] int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
   return sqlite3_bind_text64(statement, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC, SQLITE_UTF8);
 }
 
@@ -166,8 +166,7 @@ std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::st
   sqlite3_stmt* select = statement(select_, kSelect);
   if (!select) return std::nullopt;
   ResetOnExit reset(select);
-  bindText(select, 1, domain);
-  bindText(select, 2, key);
+  if (bindText(select, 1, domain) != SQLITE_OK || bindText(select, 2, key) != SQLITE_OK) return std::nullopt;
   if (sqlite3_step(select) != SQLITE_ROW) return std::nullopt;
   const void* blob = sqlite3_column_blob(select, 0);
   const int size = sqlite3_column_bytes(select, 0);
@@ -184,7 +183,7 @@ VelaDictionary SqliteStore::copyDomain(std::string_view domain) {
   sqlite3_stmt* prepared = nullptr;
   if (sqlite3_prepare_v2(db_, kSelectDomain, -1, &prepared, nullptr) != SQLITE_OK) return values;
   const Statement select(prepared);
-  bindText(select.get(), 1, domain);
+  if (bindText(select.get(), 1, domain) != SQLITE_OK) return values;
   while (sqlite3_step(select.get()) == SQLITE_ROW) {
     const void* key = sqlite3_column_blob(select.get(), 0);
     const int keySize = sqlite3_column_bytes(select.get(), 0);
@@ -212,9 +211,12 @@ bool SqliteStore::setValue(std::string_view domain, std::string_view key, const 
   sqlite3_stmt* write = encoded ? statement(upsert_, kUpsert) : statement(delete_, kDelete);
   if (!write) return false;
   ResetOnExit reset(write);
-  bindText(write, 1, domain);
-  bindText(write, 2, key);
-  if (encoded) sqlite3_bind_blob64(write, 3, encoded->data(), encoded->size(), SQLITE_STATIC);
+  // A failed bind (a value beyond SQLite's length limit) leaves its parameter
+  // NULL, and the write would store NULL in its place and report success.
+  if (bindText(write, 1, domain) != SQLITE_OK || bindText(write, 2, key) != SQLITE_OK ||
+      (encoded && sqlite3_bind_blob64(write, 3, encoded->data(), encoded->size(), SQLITE_STATIC) != SQLITE_OK)) {
+    return fail("cannot write to " + path_ + ": " + sqlite3_errmsg(db_));
+  }
   // In autocommit mode the statement is its own transaction, committed (and,
   // with synchronous=FULL, synced) before step returns.
   if (sqlite3_step(write) != SQLITE_DONE) return fail("cannot write to " + path_ + ": " + sqlite3_errmsg(db_));

@@ -62,7 +62,7 @@ class SqliteStore {
 
   // Stores `value` under (domain, key), or removes the key for nullopt. True
   // once the change is committed (durable: the WAL is synced before return).
-  bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);
+  [[nodiscard]] bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);
 
   void synchronize(std::string_view domain);
 
@@ -86,9 +86,9 @@ class SqliteStore {
   ~SqliteStore() = default;
 
   // All of the below run with mutex_ held.
-  bool ready(Access access);
-  bool open(Access access);
-  bool prepareForWriting();
+  [[nodiscard]] bool ready(Access access);
+  [[nodiscard]] bool open(Access access);
+  [[nodiscard]] bool prepareForWriting();
   // Records `reason` as the last failure; always false, for `return fail(...)`.
   bool fail(std::string reason);
   void close();
