@@ -28,7 +28,7 @@ enum class DaemonErrorCode : std::int64_t {
   kUndeliverableAddress = 4,
 };
 
-inline VelaError daemonError(DaemonErrorCode code, std::string failureReason) {
+[[nodiscard]] inline VelaError daemonError(DaemonErrorCode code, std::string failureReason) {
   return VelaError(std::string(kDaemonErrorDomain), static_cast<std::int64_t>(code),
                    VelaDictionary{{std::string(kVelaErrorFailureReasonKey), std::move(failureReason)}});
 }

@@ -22,8 +22,8 @@ namespace vela::daemon {
 // A request's keys, read by type; a key of the wrong type spoils the request.
 using RequestArguments = protocol::TypedReader;
 
-// What velad answers to one request.
-struct Answer {
+// What velad answers to one request; dropping one leaves the caller without a reply.
+struct [[nodiscard]] Answer {
   VelaDictionary values;
   std::optional<VelaError> error;
   // Set when the request is malformed (a key of the wrong type): the caller

@@ -37,7 +37,7 @@ struct Options {
 
 // Tells whoever started velad that the name is taken and calls can be made,
 // so tests wait on this rather than on a guess of how long start-up takes.
-bool announceReady(int fd) {
+[[nodiscard]] bool announceReady(int fd) {
   static constexpr std::string_view kReady = "READY\n";
   const ssize_t written = write(fd, kReady.data(), kReady.size());
   const bool ok = written == static_cast<ssize_t>(kReady.size());
@@ -45,7 +45,7 @@ bool announceReady(int fd) {
   return ok;
 }
 
-int serve(const Options& options) {
+[[nodiscard]] int serve(const Options& options) {
   std::string problem;
   const bus::BusKind kind = options.bus == "session" ? bus::BusKind::kSession : bus::BusKind::kSystem;
   std::unique_ptr<daemon::ServiceHost> host = daemon::ServiceHost::open(kind, &problem);
@@ -94,7 +94,7 @@ int serve(const Options& options) {
 
 // Reads the options. Returns the exit code when velad must stop at once
 // (after --help, or on an unknown or malformed option, with CLI11's message).
-std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+[[nodiscard]] std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   CLI::App app{"velad: serves com.zentrex.VelaNotification on the system or session bus"};
   app.add_option("--bus", options.bus, "the bus to serve on")
       ->check(CLI::IsMember({"system", "session"}))

@@ -59,7 +59,7 @@ std::optional<BehaviorMode> modeNamed(std::string_view name) {
   return std::nullopt;
 }
 
-std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::string& problem) {
+[[nodiscard]] std::optional<VelaError> errorFromDictionary(const VelaDictionary& dict, std::string& problem) {
   Fields fields(dict);
   const auto* domain = fields.get<std::string>("domain", "a string");
   const auto* code = fields.get<std::int64_t>("code", "an integer");

@@ -84,9 +84,9 @@ class TestingInterface {
   };
 
   // Each returns an error text for InvalidArgs, or nullopt when done.
-  std::optional<std::string> setBehavior(const VelaDictionary& args);
-  std::optional<std::string> postNotification(const VelaDictionary& args);
-  std::optional<std::string> setVetScript(const VelaDictionary& args);
+  [[nodiscard]] std::optional<std::string> setBehavior(const VelaDictionary& args);
+  [[nodiscard]] std::optional<std::string> postNotification(const VelaDictionary& args);
+  [[nodiscard]] std::optional<std::string> setVetScript(const VelaDictionary& args);
 
   ServiceHost& host_;
   EmailVetting& vetting_;

@@ -104,7 +104,7 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
 
   // An error in the library's domain with `message` as its failure reason.
   // The code keeps its sign. Thread: any.
-  VelaError newErrorForCode(std::int32_t code, std::string_view message) const;
+  [[nodiscard]] VelaError newErrorForCode(std::int32_t code, std::string_view message) const;
 
   // ---- Locating state and switching ----------------------------------------
   //
@@ -137,11 +137,11 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // came within 5 s or the request could not be carried (the daemon may then
   // have acted or not: read the state). The code is left in
   // velaLastOperationResult. Blocks: up to 5 s.  Thread: any.
-  std::optional<VelaError> enableLocusInContext(std::int32_t context);
+  [[nodiscard]] std::optional<VelaError> enableLocusInContext(std::int32_t context);
 
   // Switches locating off with `token` (nil is sent as nil) in `context`.
   // Returns as enableLocusInContext. Blocks: up to 5 s.  Thread: any.
-  std::optional<VelaError> disableLocusUsingToken(std::optional<std::string> token, std::int32_t context);
+  [[nodiscard]] std::optional<VelaError> disableLocusUsingToken(std::optional<std::string> token, std::int32_t context);
 
   // ---- Identity ---------------------------------------------------------------
   //
@@ -192,7 +192,7 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // Asks the daemon to switch lost mode on with `info` (sent unexamined;
   // nullptr is sent as nil). Returns as enableLocusInContext.
   // Blocks: up to 5 s.  Thread: any.
-  std::optional<VelaError> enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info);
+  [[nodiscard]] std::optional<VelaError> enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info);
   // Asks the daemon to switch lost mode off, without waiting; failures are
   // dropped. Unlike every other operation it leaves velaLastOperationResult
   // as the previous operation left it.
@@ -206,13 +206,13 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // (nullptr / nullopt as nil). Blocks: up to 5 s.  Thread: any.
 
   // Gives the daemon the friends-locating account to use.
-  std::optional<VelaError> addKithAccount(std::shared_ptr<VelaKithAccountInfo> account);
+  [[nodiscard]] std::optional<VelaError> addKithAccount(std::shared_ptr<VelaKithAccountInfo> account);
   // Asks the daemon to forget the friends-locating account named `username`.
-  std::optional<VelaError> removeKithAccountWithUsername(std::optional<std::string> username);
+  [[nodiscard]] std::optional<VelaError> removeKithAccountWithUsername(std::optional<std::string> username);
   // Reads the daemon's friends-locating account into `account`, which is
   // written in every outcome: the record the daemon sent (even together with
   // an error), or nullptr.
-  std::optional<VelaError> retrieveKithAccount(std::shared_ptr<VelaKithAccountInfo>& account);
+  [[nodiscard]] std::optional<VelaError> retrieveKithAccount(std::shared_ptr<VelaKithAccountInfo>& account);
 
   // ---- Region events --------------------------------------------------------------
   //
@@ -236,11 +236,11 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // vettings reach the delegate once per call. Returns nullopt, the daemon's
   // error, 106 "timed out", or, with no account, 101 "account is nil" (then
   // nothing else happens). Blocks: up to 5 s.  Thread: any.
-  std::optional<VelaError> vetEmailAccount(std::optional<std::string> account);
+  [[nodiscard]] std::optional<VelaError> vetEmailAccount(std::optional<std::string> account);
   // Stops listening, then asks the daemon to cancel; a finish that arrives
   // later reaches no one. Returns as vetEmailAccount.
   // Blocks: up to 5 s.  Thread: any.
-  std::optional<VelaError> cancelEmailVet();
+  [[nodiscard]] std::optional<VelaError> cancelEmailVet();
 
   // ---- Push topics and debug dump ---------------------------------------------
   //

@@ -27,7 +27,7 @@ class VELA_EXPORT VelaSemaphore {
 
   // Waits until the count is positive and takes one, or until the deadline.
   // Returns true when a signal was taken, false when the deadline passed.
-  bool waitUntil(std::chrono::steady_clock::time_point deadline);
+  [[nodiscard]] bool waitUntil(std::chrono::steady_clock::time_point deadline);
 
  private:
   explicit VelaSemaphore(std::int64_t count) : count_(count) {}

@@ -21,7 +21,7 @@ const VelaValue* entry(const VelaDictionary& dictionary, std::string_view key) {
 
 // The error that ended a vetting, rebuilt from its description: the domain
 // (the library's when absent) and the code only, no failure reason.
-std::optional<VelaError> finishError(const VelaDictionary& userInfo) {
+[[nodiscard]] std::optional<VelaError> finishError(const VelaDictionary& userInfo) {
   const VelaValue* described = entry(userInfo, names::kVetErrorKey);
   if (described == nullptr) return std::nullopt;
   std::string domain(kVelaErrorDomain);

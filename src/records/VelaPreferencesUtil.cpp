@@ -27,7 +27,9 @@ void writeValue(std::string_view key, std::string_view domain, const std::option
     // The write itself is durable and visible when it returns; synchronising
     // too keeps each write paired with its domain's synchronisation should the
     // store ever cache.
-    store.setValue(domain, key, value);
+    // (void): the public setters report nothing; a write that failed reads
+    // back as the value that was there before.
+    (void)store.setValue(domain, key, value);
     store.synchronize(domain);
   } catch (...) {  // NOLINT(bugprone-empty-catch): a write that cannot be made is not reported
   }

@@ -17,7 +17,8 @@ HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSe
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 void __VELA_WAIT_SYNC(std::shared_ptr<VelaSemaphore> semaphore) {
-  if (semaphore) semaphore->waitUntil(std::chrono::steady_clock::now() + vela::session::kReplyTimeLimit);
+  // (void): whether it was signalled is the caller's to learn from its own reply state.
+  if (semaphore) (void)semaphore->waitUntil(std::chrono::steady_clock::now() + vela::session::kReplyTimeLimit);
   // The caller's reference ends with this call.
 }
 

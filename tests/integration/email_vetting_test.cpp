@@ -2,6 +2,7 @@
 // E-mail vetting end to end: the request, the notifications velad posts, and
 // the delegate calls they become on the main thread (here, the test's own
 // thread, which runs the library's default loop).
+#include <atomic>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -106,6 +107,24 @@ class EmailVetting : public ASessionWithVelad {
     while (!seen && std::chrono::steady_clock::now() < deadline) VelaMainThread::runFor(1s);
     notify::NotificationCenter::defaultCenter().removeObserver(token.get());
     ASSERT_TRUE(seen) << "the marker notification never arrived";
+  }
+
+  // Returns once the session hears velad again after velad changed: nothing
+  // announces that the session's new match is in place, so velad posts a
+  // marker until one arrives, each time waiting for it a while.
+  void awaitListening() {
+    static constexpr std::string_view kMarker = "test.listening";
+    auto token = std::make_shared<int>(0);
+    std::atomic<bool> seen{false};
+    notify::NotificationCenter::defaultCenter().addObserver(token, std::string(kMarker), nullptr,
+                                                            [&seen](const notify::Notification&) { seen = true; });
+    const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
+    while (!seen && std::chrono::steady_clock::now() < deadline) {
+      post(kMarker);
+      VelaMainThread::runFor(100ms);
+    }
+    notify::NotificationCenter::defaultCenter().removeObserver(token.get());
+    ASSERT_TRUE(seen) << "the session never heard velad again";
   }
 
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
@@ -238,6 +257,29 @@ TEST_F(EmailVetting, KeepsListeningAcrossADaemonRestart) {
   post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "after restart"}});
   ASSERT_TRUE(delegate_->waitForCalls(1));
   EXPECT_EQ(delegate_->calls()[0].results, VelaValue("after restart"));
+}
+
+// The listening belongs to the session while its observers are registered:
+// it follows the service to its next owner with no call from the host.
+TEST_F(EmailVetting, FollowsTheServiceToItsNextOwnerWithoutAnotherCall) {
+  script({});
+  EXPECT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
+  velad_->restart();
+  awaitListening();
+  post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "after restart"}});
+  ASSERT_TRUE(delegate_->waitForCalls(1));
+  EXPECT_EQ(delegate_->calls()[0].results, VelaValue("after restart"));
+}
+
+TEST_F(EmailVetting, HearsADaemonThatStartsAfterTheRequestFoundNone) {
+  velad_->kill();
+  ASSERT_TRUE(velad_->waitForExit());
+  expectTimedOut(session_->vetEmailAccount("a@b.c"));
+  velad_->restart();
+  awaitListening();
+  post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "first owner"}});
+  ASSERT_TRUE(delegate_->waitForCalls(1));
+  EXPECT_EQ(delegate_->calls()[0].results, VelaValue("first owner"));
 }
 
 TEST_F(EmailVetting, DestroyingTheSessionWhileNotificationsArriveIsSafe) {

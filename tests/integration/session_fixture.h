@@ -12,11 +12,18 @@
 #include "printers.h"
 #include "private_bus.h"
 #include "protocol/members.h"
+#include "protocol/time_limit.h"
 #include "velad_control.h"
 
 namespace vela::testing {
 
 namespace member = protocol::member;
+
+// Time bounds are stated in terms of the reply time limit, so that they keep
+// their meaning should it change.
+using protocol::kReplyTimeLimit;
+// For what must end long before a caller waiting out the limit gives up.
+inline constexpr std::chrono::milliseconds kWellWithinTheLimit = kReplyTimeLimit / 2;
 
 // A private bus, a real velad in testing mode, a way to make velad misbehave,
 // and a session. Every test runs in its own process, so the process-wide

@@ -27,7 +27,8 @@ struct Exchange {
   explicit Exchange(const std::shared_ptr<VelaNotifySession>& session) {
     proxy = __VELA_LINK_OBJ(session, done, "test", [this](const VelaError& error) { transportError = error; });
   }
-  bool wait() { return done->waitUntil(std::chrono::steady_clock::now() + std::chrono::seconds(5)); }
+  // As long as a synchronous call built from the same blocks would wait.
+  bool wait() { return done->waitUntil(std::chrono::steady_clock::now() + kReplyTimeLimit); }
 };
 
 TEST_F(ARecordOnTheWire, ReachesTheDaemonWithEveryField) {

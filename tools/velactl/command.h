@@ -57,7 +57,7 @@ class Completion {
     }
     done_.notify_all();
   }
-  std::optional<T> wait(std::chrono::milliseconds limit) {
+  [[nodiscard]] std::optional<T> wait(std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex_);
     done_.wait_for(lock, limit, [this] { return value_.has_value(); });
     return value_;

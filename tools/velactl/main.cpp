@@ -9,7 +9,7 @@
 
 namespace {
 
-int report(const velactl::Outcome& outcome, bool json) {
+[[nodiscard]] int report(const velactl::Outcome& outcome, bool json) {
   const auto lastResult = velaLastOperationResult.load();
   if (json) {
     std::cout << nlohmann::json{{"result", outcome.result},
@@ -34,7 +34,7 @@ int report(const velactl::Outcome& outcome, bool json) {
   return outcome.error || lastResult != 0 ? 1 : 0;
 }
 
-int run(int argc, char** argv) {
+[[nodiscard]] int run(int argc, char** argv) {
   CLI::App app{"velactl: talk to the device-locating daemon through the VelaNotification library"};
   bool json = false;
   app.add_flag("--json", json, "Print exactly one JSON object: {result, error, velaLastOperationResult}");

@@ -13,8 +13,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cassert>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -199,16 +201,26 @@ class BusMutex {
     noteOwner();
     return true;
   }
-  // Gives up at `deadline`: a caller's time limit is its own, whoever holds the bus.
-  template <typename Clock, typename Duration>
-  bool try_lock_until(std::chrono::time_point<Clock, Duration> deadline) {  // NOLINT(readability-identifier-naming)
-    static_assert(std::is_same_v<Clock, std::chrono::steady_clock>, "deadlines are steady_clock time points");
-    const auto since = deadline.time_since_epoch();
-    const auto secs = std::chrono::duration_cast<std::chrono::seconds>(since);
-    const timespec at{static_cast<time_t>(secs.count()),
-                      static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - secs).count())};
-    // steady_clock is CLOCK_MONOTONIC in libstdc++.
-    if (pthread_mutex_clocklock(&mutex_, CLOCK_MONOTONIC, &at) != 0) return false;
+  // Gives up at `deadline`: a caller's time limit is its own, whoever holds
+  // the bus. pthread_mutex_timedlock takes a wall-clock time, which may jump;
+  // waiting in short slices of it keeps the steady deadline within a slice.
+  bool try_lock_until(std::chrono::steady_clock::time_point deadline) {  // NOLINT(readability-identifier-naming)
+    constexpr std::chrono::milliseconds kSlice{20};
+    for (;;) {
+      if (pthread_mutex_trylock(&mutex_) == 0) break;
+      const auto left = deadline - std::chrono::steady_clock::now();
+      if (left <= std::chrono::steady_clock::duration::zero()) return false;
+      const auto wait =
+          std::chrono::duration_cast<std::chrono::nanoseconds>(std::min<std::chrono::nanoseconds>(left, kSlice));
+      timespec at{};
+      ::clock_gettime(CLOCK_REALTIME, &at);
+      const long nanos = at.tv_nsec + static_cast<long>(wait.count());
+      at.tv_sec += nanos / 1'000'000'000L;
+      at.tv_nsec = nanos % 1'000'000'000L;
+      const int r = pthread_mutex_timedlock(&mutex_, &at);
+      if (r == 0) break;
+      if (r != ETIMEDOUT) return false;
+    }
     noteOwner();
     return true;
   }

@@ -43,7 +43,7 @@ std::string homeDirectory() {
   return found->pw_dir;
 }
 
-bool resolvePath(std::string& out) {
+[[nodiscard]] bool resolvePath(std::string& out) {
   if (const char* path = variable(kPathVariable)) {
     out.assign(path);
     return true;
@@ -94,8 +94,30 @@ void createDatabaseFile(const std::string& path) {
 }
 
 // SQLite binds a null pointer as SQL NULL, which an empty string_view may carry.
-int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
+[[nodiscard]] int bindText(sqlite3_stmt* statement, int index, std::string_view text) {
   return sqlite3_bind_text64(statement, index, text.data() ? text.data() : "", text.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+// The database's format version, or nullopt when it cannot be read (not a
+// database, corrupt, I/O error). Only reads the header: the file is untouched.
+std::optional<int> formatVersion(sqlite3* db) {
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &prepared, nullptr) != SQLITE_OK) {
+    sqlite3_finalize(prepared);
+    return std::nullopt;
+  }
+  std::optional<int> version;
+  if (sqlite3_step(prepared) == SQLITE_ROW) version = sqlite3_column_int(prepared, 0);
+  sqlite3_finalize(prepared);
+  return version;
+}
+
+// 0 is what files made before the version was kept carry.
+bool isOurFormat(int version) { return version == kFormatVersion || version == 0; }
+
+std::string otherFormatReason(const std::string& path, int version) {
+  return path + " has format version " + std::to_string(version) + ", which this build does not know (it uses " +
+         std::to_string(kFormatVersion) + "); left untouched";
 }
 
 // Ends the statement's implicit transaction however the caller leaves, so no
@@ -144,8 +166,7 @@ std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::st
   sqlite3_stmt* select = statement(select_, kSelect);
   if (!select) return std::nullopt;
   ResetOnExit reset(select);
-  bindText(select, 1, domain);
-  bindText(select, 2, key);
+  if (bindText(select, 1, domain) != SQLITE_OK || bindText(select, 2, key) != SQLITE_OK) return std::nullopt;
   if (sqlite3_step(select) != SQLITE_ROW) return std::nullopt;
   const void* blob = sqlite3_column_blob(select, 0);
   const int size = sqlite3_column_bytes(select, 0);
@@ -162,7 +183,7 @@ VelaDictionary SqliteStore::copyDomain(std::string_view domain) {
   sqlite3_stmt* prepared = nullptr;
   if (sqlite3_prepare_v2(db_, kSelectDomain, -1, &prepared, nullptr) != SQLITE_OK) return values;
   const Statement select(prepared);
-  bindText(select.get(), 1, domain);
+  if (bindText(select.get(), 1, domain) != SQLITE_OK) return values;
   while (sqlite3_step(select.get()) == SQLITE_ROW) {
     const void* key = sqlite3_column_blob(select.get(), 0);
     const int keySize = sqlite3_column_bytes(select.get(), 0);
@@ -190,12 +211,16 @@ bool SqliteStore::setValue(std::string_view domain, std::string_view key, const 
   sqlite3_stmt* write = encoded ? statement(upsert_, kUpsert) : statement(delete_, kDelete);
   if (!write) return false;
   ResetOnExit reset(write);
-  bindText(write, 1, domain);
-  bindText(write, 2, key);
-  if (encoded) sqlite3_bind_blob64(write, 3, encoded->data(), encoded->size(), SQLITE_STATIC);
+  // A failed bind (a value beyond SQLite's length limit) leaves its parameter
+  // NULL, and the write would store NULL in its place and report success.
+  if (bindText(write, 1, domain) != SQLITE_OK || bindText(write, 2, key) != SQLITE_OK ||
+      (encoded && sqlite3_bind_blob64(write, 3, encoded->data(), encoded->size(), SQLITE_STATIC) != SQLITE_OK)) {
+    return fail("cannot write to " + path_ + ": " + sqlite3_errmsg(db_));
+  }
   // In autocommit mode the statement is its own transaction, committed (and,
   // with synchronous=FULL, synced) before step returns.
-  return sqlite3_step(write) == SQLITE_DONE;
+  if (sqlite3_step(write) != SQLITE_DONE) return fail("cannot write to " + path_ + ": " + sqlite3_errmsg(db_));
+  return true;
 }
 
 // Nothing to do: no call keeps a read transaction open, so the next read starts
@@ -203,18 +228,27 @@ bool SqliteStore::setValue(std::string_view domain, std::string_view key, const 
 // per-process copy of the data to refresh.
 void SqliteStore::synchronize(std::string_view /*domain*/) {}
 
+std::string SqliteStore::lastFailure() {
+  std::lock_guard lock(mutex_);
+  return failure_;
+}
+
+bool SqliteStore::fail(std::string reason) {
+  failure_ = std::move(reason);
+  return false;
+}
+
 bool SqliteStore::ready(Access access) {
   if (db_ && pid_ != getpid()) abandonInheritedConnection();
   if (!resolvePath(wanted_)) {
     close();
-    return false;
+    return fail("no place for the preference file: no home directory");
   }
   if (db_ && wanted_ != path_) close();
   if (!db_ && !open(access)) return false;
-  if (access == Access::kWrite && !schemaReady_) {
-    schemaReady_ = sqlite3_exec(db_, kCreateTable, nullptr, nullptr, nullptr) == SQLITE_OK;
-  }
-  return access == Access::kRead || schemaReady_;
+  if (access == Access::kWrite && !schemaReady_ && !prepareForWriting()) return false;
+  failure_.clear();
+  return true;
 }
 
 bool SqliteStore::open(Access access) {
@@ -223,28 +257,70 @@ bool SqliteStore::open(Access access) {
   } else {
     // Reading never creates the file; a missing one simply holds nothing.
     struct stat info {};
-    if (stat(wanted_.c_str(), &info) != 0) return false;
+    if (stat(wanted_.c_str(), &info) != 0) return fail("no preference file at " + wanted_);
   }
   sqlite3* db = nullptr;
   // Our own mutex serialises every use, so SQLite's per-connection one is redundant.
   if (sqlite3_open_v2(wanted_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
+    std::string reason = "cannot open " + wanted_ + ": " + sqlite3_errmsg(db);
     sqlite3_close(db);
-    return false;
+    return fail(std::move(reason));
   }
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  // Checked before anything that may write (the switch to WAL below rewrites
+  // the header): a file of another format stays exactly as it is.
+  if (const std::optional<int> version = formatVersion(db); !version || !isOurFormat(*version)) {
+    std::string reason =
+        version ? otherFormatReason(wanted_, *version) : "cannot read " + wanted_ + ": " + sqlite3_errmsg(db);
+    // Nor may closing checkpoint a WAL that the other build left behind.
+    sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    sqlite3_close(db);
+    return fail(std::move(reason));
+  }
   // WAL lets readers go on while another process writes. A file we may only
   // read cannot switch, so the pragma's answer is not required to be "wal"; an
-  // error (not a database, corrupt, I/O) fails the open and it is retried on
-  // the next call.
+  // error (corrupt, I/O) fails the open and it is retried on the next call.
   if (sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    std::string reason = "cannot use " + wanted_ + ": " + sqlite3_errmsg(db);
     sqlite3_close(db);
-    return false;
+    return fail(std::move(reason));
   }
   db_ = db;
   pid_ = getpid();
   path_ = wanted_;
   schemaReady_ = false;
   return true;
+}
+
+// The table is created and the version stamped in one transaction, so that no
+// crash can leave a table without its version. The version is read again under
+// the write lock: another build may have claimed the file since it was opened.
+bool SqliteStore::prepareForWriting() {
+  if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    return fail("cannot write to " + path_ + ": " + sqlite3_errmsg(db_));
+  }
+  const std::optional<int> version = formatVersion(db_);
+  const std::string stamp = "PRAGMA user_version = " + std::to_string(kFormatVersion);
+  std::string reason;
+  if (!version) {
+    reason = "cannot read " + path_ + ": " + sqlite3_errmsg(db_);
+  } else if (!isOurFormat(*version)) {
+    reason = otherFormatReason(path_, *version);
+  } else if (sqlite3_exec(db_, kCreateTable, nullptr, nullptr, nullptr) != SQLITE_OK ||
+             (*version != kFormatVersion && sqlite3_exec(db_, stamp.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) ||
+             sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+    reason = "cannot prepare " + path_ + " for writing: " + sqlite3_errmsg(db_);
+  }
+  if (reason.empty()) {
+    schemaReady_ = true;
+    return true;
+  }
+  // Harmless when the transaction is already over.
+  sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  // The next call opens the file afresh, and refuses it there as long as its
+  // version stays foreign.
+  if (version && !isOurFormat(*version)) close();
+  return fail(std::move(reason));
 }
 
 void SqliteStore::close() {

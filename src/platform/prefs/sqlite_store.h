@@ -22,6 +22,10 @@ namespace vela::prefs {
 inline constexpr const char* kPathVariable = "VELA_PREFERENCES_PATH";
 // How long a write waits for another process's write to finish.
 inline constexpr int kBusyTimeoutMs = 5000;
+// The layout of the data this build reads and writes, kept in the database's
+// user_version. Files made before the version was kept carry 0 and are this
+// layout; any other version is some other build's, and is left alone.
+inline constexpr int kFormatVersion = 1;
 
 // The current user's preferences: one SQLite database holding a row per
 // (domain, key) whose value is the CBOR encoding of a VelaValue.
@@ -32,8 +36,10 @@ inline constexpr int kBusyTimeoutMs = 5000;
 // looked up on every call; a change of environment moves to the new file.
 //
 // Failure is never reported past this class as anything but absence: a file
-// that is missing, unreadable, not a database or corrupt reads as no value,
-// and a value that does not decode reads as no value.
+// that is missing, unreadable, not a database, corrupt or of another format
+// version reads as no value, and a value that does not decode reads as no
+// value. A file of another format version is never modified, not even by a
+// write, which fails. lastFailure() says why, for diagnostics.
 //
 // Thread: any. Blocks: a write waits up to kBusyTimeoutMs for another
 // process's write; reads never wait for writers.
@@ -56,12 +62,17 @@ class SqliteStore {
 
   // Stores `value` under (domain, key), or removes the key for nullopt. True
   // once the change is committed (durable: the WAL is synced before return).
-  bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);
+  [[nodiscard]] bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);
 
   void synchronize(std::string_view domain);
 
   // The file the current environment selects, or empty if none can be found.
   static std::string databasePath();
+
+  // Why the last call could not use the database file (it could not be
+  // opened, has another format version, or refused a write), or empty when
+  // it could.
+  std::string lastFailure();
 
  private:
   enum class Access { kRead, kWrite };
@@ -75,8 +86,11 @@ class SqliteStore {
   ~SqliteStore() = default;
 
   // All of the below run with mutex_ held.
-  bool ready(Access access);
-  bool open(Access access);
+  [[nodiscard]] bool ready(Access access);
+  [[nodiscard]] bool open(Access access);
+  [[nodiscard]] bool prepareForWriting();
+  // Records `reason` as the last failure; always false, for `return fail(...)`.
+  bool fail(std::string reason);
   void close();
   void abandonInheritedConnection();
   sqlite3_stmt* statement(Statement& slot, const char* sql);
@@ -90,6 +104,7 @@ class SqliteStore {
   std::string path_;       // file db_ has open
   std::string wanted_;     // scratch for the path lookup, kept to avoid an allocation per call
   bool schemaReady_ = false;
+  std::string failure_;
   Statement select_;
   Statement upsert_;
   Statement delete_;
