@@ -2,14 +2,15 @@
 # The synchronous call through the public shared library, linked as a client
 # links it, against the same call made with bare sd-bus, plus the failure
 # timings (absent, dying and silent daemon) and the session's memory cost.
-# It starts its own private bus and velad, so it needs the test fixtures.
-if(TARGET vela_test_support)
-  find_package(benchmark REQUIRED)
+# It starts its own private bus and velad with the test fixture, which holds
+# none of the library's code.
+if(TARGET vela_private_bus)
   add_executable(vela_call_bench ${CMAKE_CURRENT_LIST_DIR}/call_bench.cpp)
-  # Vela::vela comes first, so that every library symbol the bench calls
-  # resolves to the shared library rather than to the fixtures' static copy.
-  target_link_libraries(vela_call_bench PRIVATE Vela::vela vela_test_support
-                                                benchmark::benchmark PkgConfig::SYSTEMD vela_warnings)
+  # The protocol's names are header-only constants: the bench compiles them
+  # in and links nothing of the library but the shared library.
+  target_include_directories(vela_call_bench PRIVATE ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(vela_call_bench PRIVATE Vela::vela vela_private_bus benchmark::benchmark PkgConfig::SYSTEMD
+                                                vela_warnings)
   if(TARGET velad)
     add_dependencies(vela_call_bench velad)
   endif()

@@ -44,7 +44,6 @@
 #include "platform/bus/bus_names.h"
 #include "private_bus.h"
 #include "protocol/names.h"
-#include "velad_control.h"
 
 namespace {
 
@@ -168,20 +167,41 @@ class Environment {
     (void)velad_->waitForExit();
   }
 
-  // Opened on first use, after the session's memory has been measured, so that
-  // its sd-bus connection is not counted as the library's.
-  vela::testing::VeladControl& control() {
-    if (!control_) control_ = std::make_unique<vela::testing::VeladControl>(vela::bus::BusKind::kSystem);
-    return *control_;
+  // Makes velad's `kMember` behave as `mode` ("never", "exit") through its
+  // Testing interface, or as velad would with "normal". Returns 0 or a
+  // negative errno. The bench talks to it with bare sd-bus calls, so that it
+  // links nothing of the library but the shared library itself.
+  int behave(const char* mode) {
+    sd_bus* bus = testingBus();
+    if (bus == nullptr) return -ENOTCONN;
+    sd_bus_error error{nullptr, nullptr, 0};  // SD_BUS_ERROR_NULL is a C compound literal
+    const int r = sd_bus_call_method(bus, vela::protocol::kServiceName.data(), vela::protocol::kObjectPath.data(),
+                                     vela::protocol::kTestingInterface.data(), "SetBehavior", &error, nullptr,
+                                     "a{sv}", 2, "member", "s", kMember, "mode", "s", mode);
+    sd_bus_error_free(&error);
+    return r < 0 ? r : 0;
   }
+
+  ~Environment() { sd_bus_flush_close_unref(testingBus_); }
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+  Environment(Environment&&) = delete;
+  Environment& operator=(Environment&&) = delete;
 
  private:
   Environment() : velad_(std::in_place) {}
 
+  // Opened on first use, after the session's memory has been measured, so that
+  // its connection is not counted as the library's.
+  sd_bus* testingBus() {
+    if (testingBus_ == nullptr && sd_bus_open_system(&testingBus_) < 0) testingBus_ = nullptr;
+    return testingBus_;
+  }
+
   static inline Environment* instance_ = nullptr;  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
   vela::testing::PrivateBus bus_;                  // first: it exports the bus address velad and the library use
   std::optional<vela::testing::VeladProcess> velad_;
-  std::unique_ptr<vela::testing::VeladControl> control_;
+  sd_bus* testingBus_ = nullptr;
 };
 
 // ---- Session footprint, measured in main() before anything else touches the library
@@ -409,15 +429,15 @@ bool reportedAsTimedOut(const TimedCall& call, benchmark::State& state) {
 void BM_TimeLimit(benchmark::State& state) {
   Environment& environment = Environment::get();
   prepareSteadyVelad(state);
-  if (!state.error_occurred() && !environment.control().setBehavior(kMember, "never")) {
-    state.SkipWithError(("SetBehavior: " + environment.control().lastFailure()).c_str());
+  if (const int r = state.error_occurred() ? 0 : environment.behave("never"); r < 0) {
+    state.SkipWithError(("SetBehavior: " + std::string(std::strerror(-r))).c_str());
   }
   for (auto _ : state) {
     const TimedCall call = timedCall();
     state.SetIterationTime(seconds(call.end - call.start));
     if (!reportedAsTimedOut(call, state)) break;
   }
-  (void)environment.control().resetBehaviors();
+  (void)environment.behave("normal");
 }
 
 // Learns when a process ends, from a thread of its own, so the moment velad
@@ -468,8 +488,8 @@ void BM_DaemonDiesMidCall(benchmark::State& state) {
       state.SkipWithError("velad does not answer after a restart");
       break;
     }
-    if (!environment.control().setBehavior(kMember, "exit")) {
-      state.SkipWithError(("SetBehavior: " + environment.control().lastFailure()).c_str());
+    if (const int r = environment.behave("exit"); r < 0) {
+      state.SkipWithError(("SetBehavior: " + std::string(std::strerror(-r))).c_str());
       break;
     }
     ExitWatch watch(environment.velad().pid());

@@ -11,6 +11,7 @@
 
 #include "protocol/names.h"
 #include "records/archive_io.h"
+#include "protocol/locus_state.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -68,28 +69,28 @@ TEST_F(AVelad, SwitchesLocatingThroughATransitionalStateAndAnnouncesEachStep) {
     }
     return notification->userInfo->at("state");
   };
-  ASSERT_EQ(reply("GetLocusState").at("state"), VelaValue(1));
+  ASSERT_EQ(reply("GetLocusState").at("state"), VelaValue(protocol::kLocusStateOff));
 
   EXPECT_FALSE(errorIn(reply("EnableLocusInContext", {{"context", 7}})));
-  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(3));
+  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(protocol::kLocusStateSwitching));
   // A second switch while the first is under way is declined, not queued.
   EXPECT_EQ(errorIn(reply("DisableLocusUsingToken", {{"token", "t"}, {"context", 7}})),
             std::make_pair(std::string(kDaemonDomain), std::int64_t{3}));
-  EXPECT_EQ(announcedState(), VelaValue(3));
-  EXPECT_EQ(announcedState(), VelaValue(2));
-  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(2));
+  EXPECT_EQ(announcedState(), VelaValue(protocol::kLocusStateSwitching));
+  EXPECT_EQ(announcedState(), VelaValue(protocol::kLocusStateOn));
+  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(protocol::kLocusStateOn));
 
   // Already on: nothing to switch, nothing announced.
   EXPECT_FALSE(errorIn(reply("EnableLocusInContext", {{"context", 7}})));
-  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(2));
+  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(protocol::kLocusStateOn));
 
   // Switching off takes a token.
   const VelaDictionary noToken = reply("DisableLocusUsingToken", {{"context", 7}});
   EXPECT_EQ(errorIn(noToken), std::make_pair(std::string(kDaemonDomain), std::int64_t{1}));
   EXPECT_FALSE(failureReasonIn(noToken).empty());
   EXPECT_FALSE(errorIn(reply("DisableLocusUsingToken", {{"token", "t"}, {"context", 7}})));
-  EXPECT_EQ(announcedState(), VelaValue(3));
-  EXPECT_EQ(announcedState(), VelaValue(1));
+  EXPECT_EQ(announcedState(), VelaValue(protocol::kLocusStateSwitching));
+  EXPECT_EQ(announcedState(), VelaValue(protocol::kLocusStateOff));
 }
 
 TEST_F(AVelad, KeepsOneFriendsAccountThatANewOneReplaces) {

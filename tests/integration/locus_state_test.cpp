@@ -2,6 +2,7 @@
 // Locating state: the asynchronous reads and the switches.
 #include <future>
 
+#include "protocol/locus_state.h"
 #include "session_fixture.h"
 
 namespace vela::testing {
@@ -39,7 +40,7 @@ TEST_F(ALocatingSession, CountsOnlyOneAndTwoAsSettled) {
   for (const std::int32_t state : {0, 1, 2, 3, 4, 5, -1, INT32_MAX}) {
     answerWith(member::kGetLocusState.name, {{"state", state}});
     const auto [inProgress, error] = readInProgress(*session_);
-    EXPECT_EQ(inProgress, state != 1 && state != 2) << "state " << state;
+    EXPECT_EQ(inProgress, !protocol::isSettledLocusState(state)) << "state " << state;
     EXPECT_FALSE(error);
   }
 }
@@ -63,7 +64,7 @@ TEST_F(ALocatingSession, HandsStateFourAndTheErrorToTheCompletionWhenTheDaemonIs
   ASSERT_TRUE(velad_->waitForExit());
   velaLastOperationResult = 77;
   const auto [state, error] = readState(*session_);
-  EXPECT_EQ(state, 4);
+  EXPECT_EQ(state, protocol::kLocusStateUnknown);
   ASSERT_TRUE(error);
   EXPECT_NE(error->domain(), kVelaErrorDomain) << "the transport's own error is passed on";
   EXPECT_EQ(lastResult(), 0);
@@ -82,7 +83,7 @@ TEST_F(ALocatingSession, MovesThroughAChangeBeforeSettling) {
   velad_.reset();
   velad_.emplace(std::vector<std::string>{"--locus-settle-ms=600000"});
   const auto before = readState(*session_);
-  ASSERT_TRUE(before.state == 1 || before.state == 2);
+  ASSERT_TRUE(protocol::isSettledLocusState(before.state));
   EXPECT_EQ(session_->enableLocusInContext(0), std::nullopt);
   EXPECT_EQ(lastResult(), 0);
   EXPECT_TRUE(readInProgress(*session_).first) << "velad passes through a changing state";

@@ -4,11 +4,10 @@
 #include <memory>
 
 #include <systemd/sd-bus.h>
-#include <systemd/sd-event.h>
 
 #include "platform/bus/bus_names.h"
 
-// Owning handles for sd-bus and sd-event objects, so that every early return
+// Owning handles for sd-bus objects, so that every early return
 // releases what it took.
 namespace vela::bus {
 
@@ -20,21 +19,9 @@ struct BusUnref {
 struct MessageUnref {
   void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
 };
-struct SlotUnref {
-  void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
-};
-struct EventUnref {
-  void operator()(sd_event* event) const noexcept { sd_event_unref(event); }
-};
-struct EventSourceUnref {
-  void operator()(sd_event_source* source) const noexcept { sd_event_source_unref(source); }
-};
 
 using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
-using SlotPtr = std::unique_ptr<sd_bus_slot, SlotUnref>;
-using EventPtr = std::unique_ptr<sd_event, EventUnref>;
-using EventSourcePtr = std::unique_ptr<sd_event_source, EventSourceUnref>;
 
 // Frees a sd_bus_error on scope exit.
 struct ScopedBusError {
