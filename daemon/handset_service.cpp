@@ -17,7 +17,9 @@ void HandsetService::callArrived(IncomingCall call) {
   logVerbose(call.member + " from " + call.sender);
   if (!call.args) {
     logVerbose(call.member + " refused: " + call.argsProblem);
-    call.reply.replyError(kInvalidArgsError, call.argsProblem);
+    if (const int r = call.reply.replyError(kInvalidArgsError, call.argsProblem); r < 0) {
+      logLine("cannot refuse " + call.member + ": " + std::strerror(-r));
+    }
     return;
   }
   const Behavior behavior =

@@ -14,7 +14,7 @@ namespace vela::daemon {
 // `destination` broadcasts; otherwise only that unique name receives it.
 // Returns 0 or a negative errno (-EINVAL for a center that makes no valid
 // interface or path). Shared by velad and by tests that forge a sender.
-int emitNotification(sd_bus* bus, std::string_view center, std::string_view name, const VelaDictionary& userInfo,
-                     std::string_view destination = {});
+[[nodiscard]] int emitNotification(sd_bus* bus, std::string_view center, std::string_view name,
+                                   const VelaDictionary& userInfo, std::string_view destination = {});
 
 }  // namespace vela::daemon

@@ -62,12 +62,12 @@ class ReplyToken {
   // description says at every depth (see bus::appendDictionary), everything
   // else in the default mapping. If the values cannot be encoded the caller gets a Failed error
   // instead, so it is never left waiting. Returns 0 or a negative errno.
-  int reply(const VelaDictionary& values, bus::FieldSets described = {});
+  [[nodiscard]] int reply(const VelaDictionary& values, bus::FieldSets described = {});
   // Answers with a D-Bus error. Returns 0 or a negative errno.
-  int replyError(std::string_view name, std::string_view message);
+  [[nodiscard]] int replyError(std::string_view name, std::string_view message);
   // Answers with a body of one string where a{sv} is promised: a deliberately
   // malformed reply, for testing clients. Returns 0 or a negative errno.
-  int replyWithString(std::string_view text);
+  [[nodiscard]] int replyWithString(std::string_view text);
 
  private:
   friend struct HostCallbacks;
@@ -115,13 +115,13 @@ class ServiceHost {
   // a{sv} "reply", visible to introspection. Calls whose body is not an a{sv}
   // are refused with InvalidArgs before they reach `handler`. Returns 0 or a
   // negative errno.
-  int exportInterface(std::string_view path, std::string_view interface, std::vector<std::string> members,
-                      CallHandler handler);
+  [[nodiscard]] int exportInterface(std::string_view path, std::string_view interface, std::vector<std::string> members,
+                                    CallHandler handler);
 
   // Takes the well-known name; fails with -EEXIST when another connection
   // owns it. Export interfaces first, so the name never points at an empty
   // object. Blocks: until the bus answers.
-  int requestName(std::string_view name);
+  [[nodiscard]] int requestName(std::string_view name);
 
   // This connection's unique bus name, "" if unknown.
   std::string uniqueName() const;
@@ -130,18 +130,18 @@ class ServiceHost {
   // path made from it ("/" + center, dots as slashes). An empty `destination`
   // broadcasts; otherwise only that unique name receives it. Returns 0 or a
   // negative errno (-EINVAL for a center that makes no valid interface or path).
-  int emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
-                       std::string_view destination = {});
+  [[nodiscard]] int emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
+                                     std::string_view destination = {});
 
   // Runs `fire` once, `delay` from now, on the loop. Timers that have not
   // fired when the host goes away are dropped unrun. Returns 0 or a negative
   // errno.
-  int addTimer(std::chrono::microseconds delay, std::function<void()> fire);
+  [[nodiscard]] int addTimer(std::chrono::microseconds delay, std::function<void()> fire);
 
   // Runs the event loop on the calling thread until exit(), SIGTERM, SIGINT
   // or the loss of the bus. Returns the exit code: 0 after a signal, 1 after
   // the bus went away, a negative errno on failure.
-  int run();
+  [[nodiscard]] int run();
 
   // Makes run() return `code` once the current handler is done.
   void exit(int code);

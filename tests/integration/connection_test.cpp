@@ -238,11 +238,14 @@ TEST_F(AConnectionToVelad, LetsACompletionDestroyItsOwnSession) {
 TEST_F(AConnectionToVelad, AnswersSynchronousCallsWhileACompletionHoldsUpItsThread) {
   std::promise<void> entered;
   std::promise<void> release;
+  // Held by the completion itself: it may still be waking up from it when
+  // the test is over.
   std::shared_future<void> released = release.get_future().share();
-  session_->locusStateWithCompletion([&](std::int32_t /*state*/, const std::optional<VelaError>& /*error*/) {
-    entered.set_value();
-    (void)released.wait_for(2 * kReplyTimeLimit);
-  });
+  session_->locusStateWithCompletion(
+      [&entered, released](std::int32_t /*state*/, const std::optional<VelaError>& /*error*/) {
+        entered.set_value();
+        (void)released.wait_for(2 * kReplyTimeLimit);
+      });
   ASSERT_EQ(entered.get_future().wait_for(kReplyTimeLimit), std::future_status::ready);
 
   std::optional<std::string> id;

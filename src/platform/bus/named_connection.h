@@ -122,8 +122,9 @@ class NamedConnection {
   // supplies. On the connection's own thread it fails at once: the answer
   // could only be read by the thread that is waiting for it.
   // Thread: any.
-  CallOutcome call(const protocol::Member& member, VelaDictionary args, std::shared_ptr<const Reconnect> reconnect,
-                   std::chrono::steady_clock::time_point deadline);
+  [[nodiscard]] CallOutcome call(const protocol::Member& member, VelaDictionary args,
+                                 std::shared_ptr<const Reconnect> reconnect,
+                                 std::chrono::steady_clock::time_point deadline);
 
   // Delivers to `sink`, on the connection's thread, each notification of the
   // center named `center` that the current owner of the service name sends,

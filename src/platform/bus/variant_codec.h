@@ -28,11 +28,11 @@ using FieldSets = std::span<const protocol::Fields>;
 // 32-bit number as `i` when it fits, a record's fields typed by its class,
 // at any depth); every other value in the default mapping above. Returns 0
 // or a negative errno.
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described = {});
+[[nodiscard]] int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described = {});
 
 // Appends one value as the contents of a variant (signature and value), in
 // the default mapping.
-int appendVariant(sd_bus_message* message, const VelaValue& value);
+[[nodiscard]] int appendVariant(sd_bus_message* message, const VelaValue& value);
 
 // Reads an a{sv} at the message's read position, every key of it. nullopt
 // when anything in it has a type with no property-list meaning, when a
