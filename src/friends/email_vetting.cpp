@@ -38,6 +38,7 @@ const VelaValue* entry(const VelaDictionary& dictionary, std::string_view key) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the published signature takes it by value
 std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::string> account) {
   vela::session::setLastOperationResult(0);
   if (!account) {

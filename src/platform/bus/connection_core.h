@@ -214,9 +214,11 @@ class BusMutex {
           std::chrono::duration_cast<std::chrono::nanoseconds>(std::min<std::chrono::nanoseconds>(left, kSlice));
       timespec at{};
       ::clock_gettime(CLOCK_REALTIME, &at);
-      const long nanos = at.tv_nsec + static_cast<long>(wait.count());
-      at.tv_sec += nanos / 1'000'000'000L;
-      at.tv_nsec = nanos % 1'000'000'000L;
+      using Nanos = decltype(at.tv_nsec);
+      constexpr Nanos kPerSecond = 1'000'000'000;
+      const Nanos nanos = at.tv_nsec + static_cast<Nanos>(wait.count());
+      at.tv_sec += nanos / kPerSecond;
+      at.tv_nsec = nanos % kPerSecond;
       const int r = pthread_mutex_timedlock(&mutex_, &at);
       if (r == 0) break;
       if (r != ETIMEDOUT) return false;

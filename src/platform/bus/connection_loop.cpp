@@ -9,6 +9,7 @@
 #include <ctime>
 #include <limits>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -206,8 +207,8 @@ class Loop {
   void sleep(int timeoutMs) {
     std::array<epoll_event, 2> events{};
     const int n = epoll_wait(core_->epollFd, events.data(), static_cast<int>(events.size()), timeoutMs);
-    for (int i = 0; i < n; ++i) {
-      if (events[static_cast<std::size_t>(i)].data.fd == core_->wakeFd) consumeWake(core_->wakeFd);
+    for (const epoll_event& event : std::span(events.data(), static_cast<std::size_t>(std::max(n, 0)))) {
+      if (event.data.fd == core_->wakeFd) consumeWake(core_->wakeFd);
     }
   }
 

@@ -142,23 +142,8 @@ class Reader {
       const int r = sd_bus_message_enter_container(m_, SD_BUS_TYPE_DICT_ENTRY, entrySignature.c_str());
       if (r < 0) return fail("unreadable dictionary entry");
       if (r == 0) break;
-      const char* key = nullptr;
-      if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) return fail("unreadable dictionary key");
-      std::optional<VelaValue> value;
-      if (!described) {
-        value = next(depth + 1);
-      } else if (const protocol::Field* field = describedField(*described, key)) {
-        value = describedValue(*field, depth + 1);
-      } else if (std::string_view(key) == protocol::kClassKey) {
-        value = next(depth + 1);
-      } else {
-        if (sd_bus_message_skip(m_, entrySignature.c_str() + 1) < 0) return fail("unreadable dictionary entry");
-        if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
-        continue;
-      }
-      if (!value) return std::nullopt;
+      if (!entry(dict, entrySignature, described, depth)) return std::nullopt;
       if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
-      dict.insert_or_assign(key, std::move(*value));
     }
     if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary");
     return dict;
@@ -167,6 +152,28 @@ class Reader {
   std::string reason;
 
  private:
+  // Reads one entry's key and value into `dict`, or skips the value: with
+  // `described`, undescribed keys are skipped whatever they hold, but for a
+  // record's class marker. False when the entry cannot be read.
+  bool entry(VelaDictionary& dict, const std::string& entrySignature, std::optional<FieldSets> described, int depth) {
+    const char* key = nullptr;
+    if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) {
+      fail("unreadable dictionary key");
+      return false;
+    }
+    const protocol::Field* field = described ? describedField(*described, key) : nullptr;
+    const bool readWhole = !described || (field == nullptr && std::string_view(key) == protocol::kClassKey);
+    if (field == nullptr && !readWhole) {
+      if (sd_bus_message_skip(m_, entrySignature.c_str() + 1) >= 0) return true;
+      fail("unreadable dictionary entry");
+      return false;
+    }
+    std::optional<VelaValue> value = readWhole ? next(depth + 1) : describedValue(*field, depth + 1);
+    if (!value) return false;
+    dict.insert_or_assign(key, std::move(*value));
+    return true;
+  }
+
   std::nullopt_t fail(const char* why) {
     if (reason.empty()) reason = why;
     return std::nullopt;
