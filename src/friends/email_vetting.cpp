@@ -38,7 +38,6 @@ const VelaValue* entry(const VelaDictionary& dictionary, std::string_view key) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the published signature takes it by value
 std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::string> account) {
   vela::session::setLastOperationResult(0);
   if (!account) {
@@ -60,7 +59,8 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
                     [weakSelf](const Notification& notification) {
                       if (auto self = weakSelf.lock()) self->_vetFinished(notification);
                     });
-  return vela::session::callSynchronously(*this, "vetEmailAccount", vela::session::calls::kVetEmailAccount, account)
+  return vela::session::callSynchronously(*this, "vetEmailAccount", vela::session::calls::kVetEmailAccount,
+                                          std::move(account))
       .error;
 }
 

@@ -6,12 +6,12 @@
 namespace calls = vela::session::calls;
 
 std::optional<VelaError> VelaNotifySession::addKithAccount(std::shared_ptr<VelaKithAccountInfo> account) {
-  return vela::session::callSynchronously(*this, "addKithAccount", calls::kAddKithAccount, account).error;
+  return vela::session::callSynchronously(*this, "addKithAccount", calls::kAddKithAccount, std::move(account)).error;
 }
 
 std::optional<VelaError> VelaNotifySession::removeKithAccountWithUsername(std::optional<std::string> username) {
   return vela::session::callSynchronously(*this, "removeKithAccountWithUsername", calls::kRemoveKithAccountWithUsername,
-                                          username)
+                                          std::move(username))
       .error;
 }
 

@@ -32,8 +32,9 @@ std::optional<VelaError> VelaNotifySession::enableLocusInContext(std::int32_t co
   return vela::session::callSynchronously(*this, "enableLocus", calls::kEnableLocusInContext, context).error;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the published signature takes it by value
 std::optional<VelaError> VelaNotifySession::disableLocusUsingToken(std::optional<std::string> token,
                                                                    std::int32_t context) {
-  return vela::session::callSynchronously(*this, "disableLocus", calls::kDisableLocusUsingToken, token, context).error;
+  return vela::session::callSynchronously(*this, "disableLocus", calls::kDisableLocusUsingToken, std::move(token),
+                                          context)
+      .error;
 }

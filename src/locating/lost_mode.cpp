@@ -83,7 +83,8 @@ std::optional<VelaDictionary> VelaNotifySession::lostModeParams() {
 }
 
 std::optional<VelaError> VelaNotifySession::enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info) {
-  return vela::session::callSynchronously(*this, "enableLostMode", vela::session::calls::kEnableLostModeWithInfo, info)
+  return vela::session::callSynchronously(*this, "enableLostMode", vela::session::calls::kEnableLostModeWithInfo,
+                                          std::move(info))
       .error;
 }
 

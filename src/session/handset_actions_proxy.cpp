@@ -17,7 +17,7 @@ VelaProxyErrorHandler standardErrorHandler(std::string_view label, VelaProxyErro
 }
 
 template <typename Call, typename Reply, typename... Args>
-void HandsetActionsProxy::send(const Call& call, Reply reply, const Args&... args) {
+void HandsetActionsProxy::send(const Call& call, Reply reply, Args&&... args) {
   if (!connection_) return;  // no connection: the request goes nowhere
   bus::ReplyHandler onReply;
   if (reply) {
@@ -30,11 +30,12 @@ void HandsetActionsProxy::send(const Call& call, Reply reply, const Args&... arg
       std::apply([&](auto&... values) { reply(std::move(values)..., std::move(decoded->error)); }, decoded->values);
     };
   }
-  connection_->callMethod(*call.member, call.encode(args...), std::move(onReply), errorHandler_, reconnect_);
+  connection_->callMethod(*call.member, call.encode(std::forward<Args>(args)...), std::move(onReply), errorHandler_,
+                          reconnect_);
 }
 
 void HandsetActionsProxy::enableLostModeWithInfo(std::shared_ptr<VelaLostModeInfo> info, VelaErrorReply reply) {
-  send(calls::kEnableLostModeWithInfo, std::move(reply), info);
+  send(calls::kEnableLostModeWithInfo, std::move(reply), std::move(info));
 }
 
 void HandsetActionsProxy::disableLostModeUsingCallback(VelaErrorReply reply) {
@@ -71,25 +72,25 @@ void HandsetActionsProxy::enableLocusInContext(std::int32_t context, VelaErrorRe
 
 void HandsetActionsProxy::disableLocusUsingToken(std::optional<std::string> token, std::int32_t context,
                                                  VelaErrorReply reply) {
-  send(calls::kDisableLocusUsingToken, std::move(reply), token, context);
+  send(calls::kDisableLocusUsingToken, std::move(reply), std::move(token), context);
 }
 
 void HandsetActionsProxy::didEnterKithRegion(std::optional<std::string> regionIdentifier,
                                              std::shared_ptr<VelaGeoLocation> location, VelaErrorReply reply) {
-  send(calls::kDidEnterKithRegion, std::move(reply), regionIdentifier, location);
+  send(calls::kDidEnterKithRegion, std::move(reply), std::move(regionIdentifier), std::move(location));
 }
 
 void HandsetActionsProxy::didExitKithRegion(std::optional<std::string> regionIdentifier,
                                             std::shared_ptr<VelaGeoLocation> location, VelaErrorReply reply) {
-  send(calls::kDidExitKithRegion, std::move(reply), regionIdentifier, location);
+  send(calls::kDidExitKithRegion, std::move(reply), std::move(regionIdentifier), std::move(location));
 }
 
 void HandsetActionsProxy::addKithAccount(std::shared_ptr<VelaKithAccountInfo> account, VelaErrorReply reply) {
-  send(calls::kAddKithAccount, std::move(reply), account);
+  send(calls::kAddKithAccount, std::move(reply), std::move(account));
 }
 
 void HandsetActionsProxy::removeKithAccountWithUsername(std::optional<std::string> username, VelaErrorReply reply) {
-  send(calls::kRemoveKithAccountWithUsername, std::move(reply), username);
+  send(calls::kRemoveKithAccountWithUsername, std::move(reply), std::move(username));
 }
 
 void HandsetActionsProxy::retrieveKithAccountUsingCallback(VelaKithAccountReply reply) {
@@ -97,7 +98,7 @@ void HandsetActionsProxy::retrieveKithAccountUsingCallback(VelaKithAccountReply 
 }
 
 void HandsetActionsProxy::vetEmailAccount(std::optional<std::string> account, VelaErrorReply reply) {
-  send(calls::kVetEmailAccount, std::move(reply), account);
+  send(calls::kVetEmailAccount, std::move(reply), std::move(account));
 }
 
 void HandsetActionsProxy::cancelEmailVetUsingCallback(VelaErrorReply reply) {
@@ -105,15 +106,15 @@ void HandsetActionsProxy::cancelEmailVetUsingCallback(VelaErrorReply reply) {
 }
 
 void HandsetActionsProxy::startListeningOnTopic(std::optional<std::string> topic, VelaErrorReply reply) {
-  send(calls::kStartListeningOnTopic, std::move(reply), topic);
+  send(calls::kStartListeningOnTopic, std::move(reply), std::move(topic));
 }
 
 void HandsetActionsProxy::stopListeningOnTopic(std::optional<std::string> topic, VelaErrorReply reply) {
-  send(calls::kStopListeningOnTopic, std::move(reply), topic);
+  send(calls::kStopListeningOnTopic, std::move(reply), std::move(topic));
 }
 
 void HandsetActionsProxy::dumpDebugInfo(std::optional<std::string> argument, VelaErrorReply reply) {
-  send(calls::kDumpDebugInfo, std::move(reply), argument);
+  send(calls::kDumpDebugInfo, std::move(reply), std::move(argument));
 }
 
 }  // namespace vela::session

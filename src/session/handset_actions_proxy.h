@@ -57,7 +57,7 @@ class HandsetActionsProxy final : public VelaNotificationHandsetActions {
   // answer does not decode, the error handler runs instead. An empty `reply`
   // sends the request without asking for an answer.
   template <typename Call, typename Reply, typename... Args>
-  void send(const Call& call, Reply reply, const Args&... args);
+  void send(const Call& call, Reply reply, Args&&... args);
 
   std::shared_ptr<bus::NamedConnection> connection_;
   VelaProxyErrorHandler errorHandler_;

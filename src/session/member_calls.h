@@ -66,8 +66,8 @@ constexpr bool carries(const protocol::Field& field) {
   }
 }
 
-inline void put(VelaDictionary& args, std::string_view key, const std::optional<std::string>& value) {
-  if (value) args.insert_or_assign(std::string(key), *value);
+inline void put(VelaDictionary& args, std::string_view key, std::optional<std::string> value) {
+  if (value) args.insert_or_assign(std::string(key), std::move(*value));
 }
 inline void put(VelaDictionary& args, std::string_view key, std::int32_t value) {
   args.insert_or_assign(std::string(key), value);
@@ -100,11 +100,14 @@ struct MemberCall<std::tuple<Args...>, std::tuple<Values...>> {
 
   const protocol::Member* member;
 
-  // The request: each argument under its key, nil ones left out.
-  VelaDictionary encode(const Args&... args) const {
+  // The request: each argument under its key, nil ones left out. Arguments
+  // given as rvalues are moved in.
+  template <typename... Given>
+  VelaDictionary encode(Given&&... args) const {
+    static_assert(sizeof...(Given) == sizeof...(Args), "one value per request key");
     VelaDictionary request;
     [[maybe_unused]] std::size_t index = 0;
-    (detail::put(request, member->request[index++].key, args), ...);
+    (detail::put(request, member->request[index++].key, static_cast<Args>(std::forward<Given>(args))), ...);
     return request;
   }
 

@@ -49,13 +49,13 @@ using protocol::kReplyTimeLimit;
 // undecodable reply all end as 106 "timed out".
 template <typename Call, typename... Args>
 typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_view label, const Call& call,
-                                       const Args&... args) {
+                                       Args&&... args) {
   (void)label;  // names the operation for whoever reads the code; no effect
   setLastOperationResult(0);
   const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
   const std::shared_ptr<bus::NamedConnection> connection = session.currentLinkConnection();
-  bus::NamedConnection::CallOutcome outcome =
-      connection->call(*call.member, call.encode(args...), SessionInternals::reconnect(session), deadline);
+  bus::NamedConnection::CallOutcome outcome = connection->call(*call.member, call.encode(std::forward<Args>(args)...),
+                                                               SessionInternals::reconnect(session), deadline);
   std::optional<typename Call::Reply> decoded;
   if (outcome.reply) decoded = call.decode(*outcome.reply);
   if (!decoded) {
