@@ -170,23 +170,24 @@ struct Request {
   bool expectsReply() const { return waiter != nullptr || static_cast<bool>(onReply); }
 };
 
-// A mutex that spins briefly before sleeping, as the bus is held for a few
-// microseconds at a time, often by a thread on another CPU. Callers wait for
-// it with their deadline. Debug builds check the lock discipline.
-class BusMutex {
+// A mutex that spins briefly before sleeping: both of the connection's locks
+// are held for a few microseconds at a time, often by a thread on another
+// CPU, and sleeping for that would cost more than the wait. Callers wait
+// for the bus with their deadline. Debug builds check the lock discipline.
+class SpinningMutex {
  public:
-  BusMutex() {
+  SpinningMutex() {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
     pthread_mutex_init(&mutex_, &attr);
     pthread_mutexattr_destroy(&attr);
   }
-  ~BusMutex() { pthread_mutex_destroy(&mutex_); }
-  BusMutex(const BusMutex&) = delete;
-  BusMutex& operator=(const BusMutex&) = delete;
-  BusMutex(BusMutex&&) = delete;
-  BusMutex& operator=(BusMutex&&) = delete;
+  ~SpinningMutex() { pthread_mutex_destroy(&mutex_); }
+  SpinningMutex(const SpinningMutex&) = delete;
+  SpinningMutex& operator=(const SpinningMutex&) = delete;
+  SpinningMutex(SpinningMutex&&) = delete;
+  SpinningMutex& operator=(SpinningMutex&&) = delete;
 
   void lock() {
     pthread_mutex_lock(&mutex_);
@@ -285,10 +286,10 @@ struct NamedConnection::Core {
   std::atomic<unsigned> abandonedCalls{0};
 
   // The sd-bus side; set while the connection's thread runs.
-  detail::BusMutex busMutex;
+  detail::SpinningMutex busMutex;
   detail::Link* link = nullptr;  // guarded by busMutex
 
-  mutable std::mutex mutex;
+  mutable detail::SpinningMutex mutex;
   std::vector<detail::Request> requests;                        // guarded by mutex
   std::vector<detail::Subscription> subscriptions;              // guarded by mutex; changes not yet applied
   std::vector<std::shared_ptr<detail::ExitFlush>> exitFlushes;  // guarded by mutex

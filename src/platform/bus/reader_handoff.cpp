@@ -58,7 +58,7 @@ bool noneStillWaiting(Core& core) {
 // Reads the bus, holding the reader role and `busLock`, until `waiter` is
 // answered or `deadline` passes.
 CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
-                              std::unique_lock<BusMutex>& busLock) {
+                              std::unique_lock<SpinningMutex>& busLock) {
   for (;;) {
     Link* link = core.link;
     if (link == nullptr) break;
@@ -154,7 +154,7 @@ void releaseReader(Core& core, Link* link) {
 }
 
 CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, Clock::time_point deadline,
-                        std::unique_lock<BusMutex>& busLock) {
+                        std::unique_lock<SpinningMutex>& busLock) {
   bool reads = false;
   {
     std::lock_guard lock(core.mutex);

@@ -27,7 +27,7 @@ class Link;
 // with `busLock` released; an empty outcome means the deadline passed.
 NamedConnection::CallOutcome awaitAnswer(NamedConnection::Core& core, const std::shared_ptr<Waiter>& waiter,
                                          std::chrono::steady_clock::time_point deadline,
-                                         std::unique_lock<BusMutex>& busLock);
+                                         std::unique_lock<SpinningMutex>& busLock);
 
 // Sleeps, without the bus, until `waiter` is answered, handed the bus, or
 // `deadline` passes. For a caller whose request the connection's thread sends.
