@@ -176,8 +176,8 @@ class Environment {
     if (bus == nullptr) return -ENOTCONN;
     sd_bus_error error{nullptr, nullptr, 0};  // SD_BUS_ERROR_NULL is a C compound literal
     const int r = sd_bus_call_method(bus, vela::protocol::kServiceName.data(), vela::protocol::kObjectPath.data(),
-                                     vela::protocol::kTestingInterface.data(), "SetBehavior", &error, nullptr,
-                                     "a{sv}", 2, "member", "s", kMember, "mode", "s", mode);
+                                     vela::protocol::kTestingInterface.data(), "SetBehavior", &error, nullptr, "a{sv}",
+                                     2, "member", "s", kMember, "mode", "s", mode);
     sd_bus_error_free(&error);
     return r < 0 ? r : 0;
   }

@@ -9,9 +9,9 @@
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
 
+#include "protocol/locus_state.h"
 #include "protocol/names.h"
 #include "records/archive_io.h"
-#include "protocol/locus_state.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {

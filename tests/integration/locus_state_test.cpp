@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Locating state: the asynchronous reads and the switches.
+#include "protocol/locus_state.h"
+
 #include <future>
 
-#include "protocol/locus_state.h"
 #include "session_fixture.h"
 
 namespace vela::testing {
