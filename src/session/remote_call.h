@@ -5,7 +5,6 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include <vela/VelaNotifySession.h>
@@ -32,8 +31,8 @@ struct SessionInternals {
 };
 
 // The proxy of the session's current connection with the standard error
-// handler. A value, so a synchronous call allocates no proxy. `label` names
-// the operation and must outlive the proxy's requests (a literal).
+// handler, for the asynchronous and fire-and-forget variants (and the
+// published __VELA_LINK_OBJ). `label` only names the operation.
 HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore,
                               std::string_view label, VelaProxyErrorHandler inner);
 
