@@ -127,6 +127,14 @@ class EmailVetting : public ASessionWithVelad {
     ASSERT_TRUE(seen) << "the session never heard velad again";
   }
 
+  // Once the session hears velad again, results velad posts reach the delegate.
+  void expectResultsHeard(std::string_view results) {
+    awaitListening();
+    post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", std::string(results)}});
+    ASSERT_TRUE(delegate_->waitForCalls(1));
+    EXPECT_EQ(delegate_->calls()[0].results, VelaValue(std::string(results)));
+  }
+
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 };
 
@@ -265,10 +273,7 @@ TEST_F(EmailVetting, FollowsTheServiceToItsNextOwnerWithoutAnotherCall) {
   script({});
   EXPECT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
   velad_->restart();
-  awaitListening();
-  post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "after restart"}});
-  ASSERT_TRUE(delegate_->waitForCalls(1));
-  EXPECT_EQ(delegate_->calls()[0].results, VelaValue("after restart"));
+  expectResultsHeard("after restart");
 }
 
 TEST_F(EmailVetting, HearsADaemonThatStartsAfterTheRequestFoundNone) {
@@ -276,10 +281,7 @@ TEST_F(EmailVetting, HearsADaemonThatStartsAfterTheRequestFoundNone) {
   ASSERT_TRUE(velad_->waitForExit());
   expectTimedOut(session_->vetEmailAccount("a@b.c"));
   velad_->restart();
-  awaitListening();
-  post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "first owner"}});
-  ASSERT_TRUE(delegate_->waitForCalls(1));
-  EXPECT_EQ(delegate_->calls()[0].results, VelaValue("first owner"));
+  expectResultsHeard("first owner");
 }
 
 TEST_F(EmailVetting, DestroyingTheSessionWhileNotificationsArriveIsSafe) {

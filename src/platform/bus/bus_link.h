@@ -70,7 +70,6 @@ class Link {
 
   // invalidate(): fails everything now and for good, then reports.
   void invalidate();
-  bool invalidated() const { return invalidated_; }
 
   void flush() {
     if (usable()) (void)sd_bus_flush(bus_);

@@ -25,6 +25,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -260,6 +261,13 @@ class Link;
 // call made there must fail at once rather than wait for itself.
 extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-avoid-non-const-global-variables)
 
+// Milliseconds for poll() or epoll_wait() until the earlier of an sd-bus
+// time-out (absolute CLOCK_MONOTONIC microseconds; UINT64_MAX or nullopt for
+// none) and `deadline`; -1 for neither. Rounded up, so that a wake-up never
+// comes before what it waits for.
+int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
+                   std::optional<std::chrono::steady_clock::time_point> deadline);
+
 // Who reads the bus. Only one thread at a time may: it dispatches what
 // arrives to everyone, so the others sleep without the bus.
 enum class Reader : std::uint8_t { kNone, kLoop, kCaller };
@@ -318,6 +326,12 @@ struct NamedConnection::Core {
     // already pending wake-up in place.
     const ssize_t written = ::write(fd, &one, sizeof one);
     (void)written;
+  }
+
+  static void consumeFd(int fd) {
+    std::uint64_t count = 0;
+    const ssize_t got = ::read(fd, &count, sizeof count);
+    (void)got;
   }
 
   void wake() const { signalFd(wakeFd); }

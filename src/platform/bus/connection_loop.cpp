@@ -21,24 +21,9 @@ namespace vela::bus::detail {
 
 thread_local const NamedConnection::Core* loopOfThisThread = nullptr;  // NOLINT(*-avoid-non-const-global-variables)
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-using Core = NamedConnection::Core;
-
-// How long a released connection keeps waiting for answers already on their
-// way; no synchronous caller waits longer than this.
-constexpr std::chrono::seconds kDrainGrace{5};
-
-void consumeWake(int fd) {
-  std::uint64_t count = 0;
-  const ssize_t got = ::read(fd, &count, sizeof count);
-  (void)got;
-}
-
-// Milliseconds until the earlier of an sd-bus time-out (absolute
-// CLOCK_MONOTONIC microseconds) and `deadline`; -1 for neither.
-int sleepTimeout(std::optional<std::uint64_t> busTimeoutUsec, std::optional<Clock::time_point> deadline) {
+int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
+                   std::optional<std::chrono::steady_clock::time_point> deadline) {
+  using std::chrono::microseconds;
   std::optional<std::int64_t> usec;
   if (busTimeoutUsec && *busTimeoutUsec != UINT64_MAX) {
     timespec now{};
@@ -48,12 +33,22 @@ int sleepTimeout(std::optional<std::uint64_t> busTimeoutUsec, std::optional<Cloc
     usec = *busTimeoutUsec > nowUsec ? static_cast<std::int64_t>(*busTimeoutUsec - nowUsec) : 0;
   }
   if (deadline) {
-    const std::int64_t left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline - Clock::now()).count();
+    const std::int64_t left =
+        std::chrono::duration_cast<microseconds>(*deadline - std::chrono::steady_clock::now()).count();
     usec = std::min(usec.value_or(left), std::max<std::int64_t>(left, 0));
   }
   if (!usec) return -1;
   return static_cast<int>(std::min<std::int64_t>((*usec + 999) / 1000, std::numeric_limits<int>::max()));
 }
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Core = NamedConnection::Core;
+
+// How long a released connection keeps waiting for answers already on their
+// way; no synchronous caller waits longer than this.
+constexpr std::chrono::seconds kDrainGrace{5};
 
 class Loop {
  public:
@@ -145,14 +140,14 @@ class Loop {
   void resendElsewhere(Request request) {
     link_.interrupt(Trouble::kBusLost);
     std::shared_ptr<NamedConnection> fresh;
-    if (request.reconnect && *request.reconnect) {
+    // A synchronous caller retries by itself; it only learns of the loss.
+    if (!request.waiter && request.reconnect && *request.reconnect) {
       try {
         fresh = (*request.reconnect)();
       } catch (...) {  // NOLINT(bugprone-empty-catch): failing the request below is the answer
       }
     }
-    if (!fresh || request.waiter) {
-      // A synchronous caller retries by itself; it learns of the loss here.
+    if (!fresh) {
       const VelaError error = connectionError(ENOTCONN, "bus connection lost");
       if (request.waiter) {
         (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
@@ -201,14 +196,14 @@ class Loop {
     } else {
       disarmLoop(*core_);
     }
-    return sleepTimeout(busTimeout, graceDeadline_);
+    return sleepTimeoutMs(busTimeout, graceDeadline_);
   }
 
   void sleep(int timeoutMs) {
     std::array<epoll_event, 2> events{};
     const int n = epoll_wait(core_->epollFd, events.data(), static_cast<int>(events.size()), timeoutMs);
     for (const epoll_event& event : std::span(events.data(), static_cast<std::size_t>(std::max(n, 0)))) {
-      if (event.data.fd == core_->wakeFd) consumeWake(core_->wakeFd);
+      if (event.data.fd == core_->wakeFd) Core::consumeFd(core_->wakeFd);
     }
   }
 

@@ -18,41 +18,10 @@ using Clock = std::chrono::steady_clock;
 using Core = NamedConnection::Core;
 using CallOutcome = NamedConnection::CallOutcome;
 
-void consumeWake(int fd) {
-  std::uint64_t count = 0;
-  const ssize_t got = ::read(fd, &count, sizeof count);
-  (void)got;
-}
-
-// Milliseconds for poll() until the earlier of an sd-bus time-out (absolute
-// CLOCK_MONOTONIC microseconds, UINT64_MAX for none) and `deadline`, rounded
-// up so that a wake-up never comes before what it waits for.
-int pollTimeout(std::uint64_t busTimeoutUsec, Clock::time_point deadline) {
-  using std::chrono::microseconds;
-  auto wait = std::chrono::duration_cast<microseconds>(deadline - Clock::now());
-  if (busTimeoutUsec != UINT64_MAX) {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::uint64_t nowUsec =
-        static_cast<std::uint64_t>(now.tv_sec) * 1'000'000U + static_cast<std::uint64_t>(now.tv_nsec) / 1000U;
-    const auto busWait = microseconds(busTimeoutUsec > nowUsec ? busTimeoutUsec - nowUsec : 0);
-    wait = std::min(wait, busWait);
-  }
-  const std::int64_t usec = std::max<std::int64_t>(wait.count(), 0);
-  return static_cast<int>(std::min<std::int64_t>((usec + 999) / 1000, std::numeric_limits<int>::max()));
-}
-
 // The caller gives up: whatever came in time is still its answer.
 CallOutcome finish(Core& core, Waiter& waiter) {
   if (waiter.abandon()) core.abandonedCalls.fetch_add(1, std::memory_order_relaxed);
   return waiter.takeOutcome();
-}
-
-// Whether every caller still queued for the bus has its answer already.
-bool noneStillWaiting(Core& core) {
-  std::lock_guard lock(core.mutex);
-  return std::all_of(core.waiting.begin(), core.waiting.end(),
-                     [](const std::shared_ptr<Waiter>& waiter) { return waiter->answered() || waiter->abandoned(); });
 }
 
 // Reads the bus, holding the reader role and `busLock`, until `waiter` is
@@ -67,8 +36,9 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     if (link->hasDeferred()) core.wake();
     if (waiter.answered()) {
       // Answers read along with this one go to their callers now, rather
-      // than each waiting for the bus to be handed to it.
-      if (alive) (void)link->process([&core] { return noneStillWaiting(core); });
+      // than each waiting for the bus to be handed to it; what has not
+      // arrived yet is left to the next reader.
+      if (alive) (void)link->process([link] { return !link->hasUndispatched(); });
       if (link->hasDeferred()) core.wake();
       break;
     }
@@ -78,10 +48,10 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     if (!alive || !link->pollSpec(fd, events, busTimeout) || Clock::now() >= deadline) break;
     std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
                               pollfd{core.readerWakeFd, POLLIN, 0}};
-    const int timeout = pollTimeout(busTimeout, deadline);
+    const int timeout = sleepTimeoutMs(busTimeout, deadline);
     busLock.unlock();
     (void)::poll(fds.data(), fds.size(), timeout);
-    if ((fds[1].revents & POLLIN) != 0) consumeWake(core.readerWakeFd);
+    if ((fds[1].revents & POLLIN) != 0) Core::consumeFd(core.readerWakeFd);
     if (!busLock.try_lock_until(deadline)) {
       // Another thread holds the bus past this caller's deadline: leave
       // the reading to others without waiting for it.
