@@ -3,6 +3,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -22,6 +23,10 @@ bool meansUnreachable(const char* name) {
   return name != nullptr && (std::strcmp(name, "org.freedesktop.DBus.Error.ServiceUnknown") == 0 ||
                              std::strcmp(name, "org.freedesktop.DBus.Error.NameHasNoOwner") == 0 ||
                              std::strcmp(name, "org.freedesktop.DBus.Error.AccessDenied") == 0);
+}
+
+bool repliesUnreachable(sd_bus_message* reply) {
+  return sd_bus_message_is_method_error(reply, nullptr) != 0 && meansUnreachable(sd_bus_message_get_error(reply)->name);
 }
 
 bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r == -EPIPE || r == -ESHUTDOWN; }
@@ -97,20 +102,30 @@ Link::Started Link::start(Request& request) {
     if (r < 0) fail(request, connectionError(-r, std::strerror(-r)));
     return r < 0 ? Started::kFailed : Started::kSent;
   }
+  if (request.waiter) {
+    std::uint64_t cookie = 0;
+    r = sd_bus_send(bus_, message, &cookie);
+    sd_bus_message_unref(message);
+    if (r < 0) {
+      if (meansDisconnected(r)) return Started::kBusGone;
+      fail(request, connectionError(-r, std::strerror(-r)));
+      return Started::kFailed;
+    }
+    awaited_.push_back(AwaitedCall{cookie, request.member, std::move(request.waiter)});
+    return Started::kSent;
+  }
   pending_.emplace_front();
   PendingCall& call = pending_.front();
   call.position = pending_.begin();
   call.link = this;
   call.member = request.member;
-  call.waiter = std::move(request.waiter);
   call.onReply = std::move(request.onReply);
   call.onFailure = std::move(request.onFailure);
   // No sd-bus time-out: a request waits for its answer or for the
-  // connection to fail. Synchronous callers keep their own deadline.
+  // connection to fail.
   r = sd_bus_call_async(bus_, &call.slot, message, &Link::onReply, &call, UINT64_MAX);
   sd_bus_message_unref(message);
   if (r < 0) {
-    request.waiter = std::move(call.waiter);
     request.onReply = std::move(call.onReply);
     request.onFailure = std::move(call.onFailure);
     pending_.erase(call.position);
@@ -118,7 +133,6 @@ Link::Started Link::start(Request& request) {
     fail(request, connectionError(-r, std::strerror(-r)));
     return Started::kFailed;
   }
-  if (!call.waiter) ++pendingInBackground_;
   return Started::kSent;
 }
 
@@ -134,7 +148,14 @@ bool Link::process(const std::function<bool()>& enough) {
   core_.busMutex.assertHeld();
   if (!usable()) return false;
   int r = 0;
-  while (!enough() && (r = sd_bus_process(bus_, nullptr)) > 0) {
+  while (!enough()) {
+    sd_bus_message* unclaimed = nullptr;
+    r = sd_bus_process(bus_, &unclaimed);
+    if (unclaimed != nullptr) {
+      takeUnclaimed(unclaimed);
+      sd_bus_message_unref(unclaimed);
+    }
+    if (r <= 0) break;
   }
   if (r < 0) {
     // The bus broke under the reader: whoever reads reports it.
@@ -153,7 +174,7 @@ bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
 }
 
 bool Link::awaitsBackground() const {
-  return usable() && (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus());
+  return usable() && (!pending_.empty() || owners_.listening() || owners_.awaitingBus());
 }
 
 bool Link::hasUndispatched() const {
@@ -169,20 +190,35 @@ int Link::onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/
   sd_bus_slot_unref(raw->slot);
   PendingCall call = std::move(*raw);
   link->pending_.erase(call.position);
-  if (!call.waiter) --link->pendingInBackground_;
-  const bool unreachable =
-      sd_bus_message_is_method_error(reply, nullptr) != 0 && meansUnreachable(sd_bus_message_get_error(reply)->name);
+  const bool unreachable = repliesUnreachable(reply);
   link->deliver(call, readOutcome(reply, *call.member));
   if (unreachable) link->unreachable(Trouble::kUnreachable);
   return 0;
 }
 
-void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
-  if (call.waiter) {
-    // A caller that gave up drops it here.
-    (void)call.waiter->answer(std::move(outcome));
+void Link::takeUnclaimed(sd_bus_message* message) {
+  std::uint64_t cookie = 0;
+  if (sd_bus_message_get_reply_cookie(message, &cookie) < 0) {
+    // What sd-bus answers by itself when nobody takes the message.
+    if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+      (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
+                                       sd_bus_message_get_path(message));
+    }
     return;
   }
+  const auto call = std::find_if(awaited_.begin(), awaited_.end(),
+                                 [cookie](const AwaitedCall& awaited) { return awaited.cookie == cookie; });
+  // A reply to a call whose caller gave up and was forgotten.
+  if (call == awaited_.end()) return;
+  AwaitedCall answered = std::move(*call);
+  awaited_.erase(call);
+  const bool unreachable = repliesUnreachable(message);
+  // A caller that gave up drops the answer here.
+  (void)answered.waiter->answer(readOutcome(message, *answered.member));
+  if (unreachable) this->unreachable(Trouble::kUnreachable);
+}
+
+void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
   defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure),
          outcome = std::move(outcome)]() mutable {
     if (outcome.failure) {
@@ -194,14 +230,7 @@ void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
 }
 
 void Link::dropAbandoned() {
-  for (auto it = pending_.begin(); it != pending_.end();) {
-    auto next = std::next(it);
-    if (it->waiter && it->waiter->abandoned()) {
-      sd_bus_slot_unref(it->slot);
-      pending_.erase(it);
-    }
-    it = next;
-  }
+  std::erase_if(awaited_, [](const AwaitedCall& call) { return call.waiter->abandoned(); });
 }
 
 void Link::interrupt(Trouble why) {
@@ -230,12 +259,13 @@ void Link::invalidate() {
 void Link::close(const char* why) {
   std::list<PendingCall> failed;
   failed.swap(pending_);
-  pendingInBackground_ = 0;
+  std::vector<AwaitedCall> unanswered = std::exchange(awaited_, {});
   for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
   owners_.detach();
   bus_ = sd_bus_close_unref(bus_);
-  if (!failed.empty()) {
+  if (!failed.empty() || !unanswered.empty()) {
     const VelaError error = connectionError(ENOTCONN, why);
+    for (auto& call : unanswered) (void)call.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
     for (auto& call : failed) deliver(call, NamedConnection::CallOutcome{std::nullopt, error});
   }
   // A caller reading the bus learns that its call has just failed.

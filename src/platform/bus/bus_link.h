@@ -75,7 +75,7 @@ class Link {
     if (usable()) (void)sd_bus_flush(bus_);
   }
 
-  bool idle() const { return pending_.empty(); }
+  bool idle() const { return pending_.empty() && awaited_.empty(); }
 
   // Runs `task` on the connection's thread, after the current holder of the
   // bus lets go of it.
@@ -93,20 +93,31 @@ class Link {
   void dropAbandoned();
 
  private:
+  // A request whose handlers run on the connection's thread.
   struct PendingCall {
     Link* link = nullptr;
     sd_bus_slot* slot = nullptr;
     const protocol::Member* member = nullptr;
-    std::shared_ptr<Waiter> waiter;  // a synchronous caller, or
-    ReplyHandler onReply;            // the handlers, run on the connection's thread
+    ReplyHandler onReply;
     FailureHandler onFailure;
     std::list<PendingCall>::iterator position;
   };
 
-  // Delivers a call's outcome: to its waiter at once, or to its handlers on
-  // the connection's thread.
+  // A synchronous caller's request. Its reply is matched by cookie: sd-bus
+  // hands back the replies nobody registered for, which spares each call a
+  // slot and a hash-table entry.
+  struct AwaitedCall {
+    std::uint64_t cookie = 0;
+    const protocol::Member* member = nullptr;
+    std::shared_ptr<Waiter> waiter;
+  };
+
+  // Runs the handlers of a request on the connection's thread.
   void deliver(PendingCall& call, NamedConnection::CallOutcome outcome);
   void fail(Request& request, const VelaError& error);
+  // A message sd-bus dispatched to no one: a synchronous caller's reply, or
+  // a method call for an object this connection does not have.
+  void takeUnclaimed(sd_bus_message* message);
 
   static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
@@ -114,7 +125,7 @@ class Link {
   sd_bus* bus_ = nullptr;
   OwnerWatch owners_;
   std::list<PendingCall> pending_;
-  std::size_t pendingInBackground_ = 0;  // pending calls with handlers rather than a waiter
+  std::vector<AwaitedCall> awaited_;
   std::vector<std::function<void()>> deferred_;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled

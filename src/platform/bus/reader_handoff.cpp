@@ -27,12 +27,18 @@ CallOutcome finish(Core& core, Waiter& waiter) {
 // Reads the bus, holding the reader role and `busLock`, until `waiter` is
 // answered or `deadline` passes.
 CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
-                              std::unique_lock<SpinningMutex>& busLock) {
+                              std::unique_lock<SpinningMutex>& busLock, bool justSent) {
+  // A request sent a moment ago cannot have been answered yet: unless
+  // something already read waits to be dispatched, the first read would
+  // find nothing, so the caller sleeps on the bus first.
+  bool readNow = !justSent || (core.link != nullptr && core.link->hasUndispatched());
   for (;;) {
     Link* link = core.link;
     if (link == nullptr) break;
     if (core.abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link->dropAbandoned();
-    const bool alive = link->process([&waiter] { return waiter.answered(); });
+    bool alive = true;
+    if (readNow) alive = link->process([&waiter] { return waiter.answered(); });
+    readNow = true;
     if (link->hasDeferred()) core.wake();
     if (waiter.answered()) {
       // Answers read along with this one go to their callers now, rather
@@ -136,7 +142,7 @@ CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, Clock
       core.waiting.push_back(waiter);
     }
   }
-  if (reads) return readUntilAnswered(core, *waiter, deadline, busLock);
+  if (reads) return readUntilAnswered(core, *waiter, deadline, busLock, true);
   busLock.unlock();
   return awaitAsFollower(core, waiter, deadline);
 }
@@ -156,7 +162,7 @@ CallOutcome awaitAsFollower(Core& core, const std::shared_ptr<Waiter>& waiter, C
     releaseReader(core, nullptr);
     return finish(core, *waiter);
   }
-  return readUntilAnswered(core, *waiter, deadline, busLock);
+  return readUntilAnswered(core, *waiter, deadline, busLock, false);
 }
 
 }  // namespace vela::bus::detail

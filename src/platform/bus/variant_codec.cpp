@@ -127,16 +127,21 @@ class Reader {
   // described record keeps only its class's keys.
   std::optional<VelaDictionary> dictionary(int depth, std::optional<FieldSets> described = std::nullopt) {
     if (depth > kMaxDepth) return fail("nesting too deep");
-    // The element type is taken from the message so that a{sX} with any
-    // property-list value type is accepted, not only a{sv}.
-    char type = 0;
-    const char* contents = nullptr;
-    if (sd_bus_message_peek_type(m_, &type, &contents) <= 0 || type != SD_BUS_TYPE_ARRAY || contents == nullptr ||
-        contents[0] != '{' || contents[1] != 's') {
-      return fail("expected a dictionary with string keys");
+    // The usual a{sv} is entered at once: asking the message for its type
+    // costs as much as entering it. A failed attempt reads nothing.
+    std::string entrySignature = "sv";
+    if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, "{sv}") <= 0) {
+      // The element type is taken from the message so that a{sX} with any
+      // property-list value type is accepted, not only a{sv}.
+      char type = 0;
+      const char* contents = nullptr;
+      if (sd_bus_message_peek_type(m_, &type, &contents) <= 0 || type != SD_BUS_TYPE_ARRAY || contents == nullptr ||
+          contents[0] != '{' || contents[1] != 's') {
+        return fail("expected a dictionary with string keys");
+      }
+      entrySignature.assign(contents + 1, std::string_view(contents).size() - 2);
+      if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) return fail("unreadable dictionary");
     }
-    const std::string entrySignature(contents + 1, std::string_view(contents).size() - 2);
-    if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) return fail("unreadable dictionary");
     VelaDictionary dict;
     for (;;) {
       const int r = sd_bus_message_enter_container(m_, SD_BUS_TYPE_DICT_ENTRY, entrySignature.c_str());
@@ -168,7 +173,12 @@ class Reader {
       fail("unreadable dictionary entry");
       return false;
     }
-    std::optional<VelaValue> value = readWhole ? next(depth + 1) : describedValue(*field, depth + 1);
+    std::optional<VelaValue> value;
+    if (readWhole) {
+      value = next(depth + 1);
+    } else if (!readAsDescribed(*field, value)) {
+      value = describedValue(*field, depth + 1);
+    }
     if (!value) return false;
     dict.insert_or_assign(key, std::move(*value));
     return true;
@@ -177,6 +187,53 @@ class Reader {
   std::nullopt_t fail(const char* why) {
     if (reason.empty()) reason = why;
     return std::nullopt;
+  }
+
+  // The variant signature of a described basic type; nullptr for the others.
+  static const char* basicSignature(protocol::WireType type) {
+    switch (type) {
+      case protocol::WireType::kString:
+        return "s";
+      case protocol::WireType::kInt32:
+        return "i";
+      case protocol::WireType::kInteger:
+        return "x";
+      case protocol::WireType::kBoolean:
+        return "b";
+      case protocol::WireType::kReal:
+        return "d";
+      default:
+        return nullptr;
+    }
+  }
+
+  // Reads a variant holding exactly the basic type `field` is described
+  // with, without first asking the message for the type: that costs as much
+  // as the read. False, with nothing read, when the variant holds anything
+  // else; the general reader then takes it (accepting, say, another integer
+  // width) or refuses it.
+  bool readAsDescribed(const protocol::Field& field, std::optional<VelaValue>& value) {
+    const char* signature = basicSignature(field.type);
+    if (signature == nullptr || sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, signature) <= 0) return false;
+    switch (field.type) {
+      case protocol::WireType::kString:
+        if (auto s = basic<const char*>(SD_BUS_TYPE_STRING)) value.emplace(std::string(*s));
+        break;
+      case protocol::WireType::kInt32:
+        value = integer<std::int32_t>(SD_BUS_TYPE_INT32);
+        break;
+      case protocol::WireType::kInteger:
+        value = integer<std::int64_t>(SD_BUS_TYPE_INT64);
+        break;
+      case protocol::WireType::kBoolean:
+        if (auto b = basic<int>(SD_BUS_TYPE_BOOLEAN)) value.emplace(*b != 0);
+        break;
+      default:
+        if (auto d = basic<double>(SD_BUS_TYPE_DOUBLE)) value.emplace(*d);
+        break;
+    }
+    if (value && sd_bus_message_exit_container(m_) < 0) value = fail("unreadable variant");
+    return true;
   }
 
   // A described value: a record (or described dictionary) keeps only the
