@@ -214,7 +214,7 @@ void Link::takeUnclaimed(sd_bus_message* message) {
   awaited_.erase(call);
   const bool unreachable = repliesUnreachable(message);
   // A caller that gave up drops the answer here.
-  (void)answered.waiter->answer(readOutcome(message, *answered.member));
+  if (answered.waiter->settle(readOutcome(message, *answered.member))) answered_.push_back(std::move(answered.waiter));
   if (unreachable) this->unreachable(Trouble::kUnreachable);
 }
 

@@ -92,6 +92,10 @@ class Link {
   // Forgets calls whose synchronous callers gave up.
   void dropAbandoned();
 
+  // Synchronous callers answered since the last call, still to be woken;
+  // the holder of the bus wakes them once it has let go of it.
+  void takeAnswered(Wakes& wakes) { wakes.takeFrom(answered_); }
+
  private:
   // A request whose handlers run on the connection's thread.
   struct PendingCall {
@@ -126,6 +130,7 @@ class Link {
   OwnerWatch owners_;
   std::list<PendingCall> pending_;
   std::vector<AwaitedCall> awaited_;
+  std::vector<std::shared_ptr<Waiter>> answered_;  // settled, not yet woken
   std::vector<std::function<void()>> deferred_;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled

@@ -81,25 +81,30 @@ class Waiter {
   // Leaves the answer; false when the caller has already given up, in which
   // case the answer goes nowhere. The wake-up is the caller's alone.
   bool answer(CallOutcome outcome) {
-    {
-      std::lock_guard lock(mutex_);
-      if (state_ != State::kWaiting) return false;
-      state_ = State::kAnswered;
-      outcome_ = std::move(outcome);
-    }
-    changed_.notify_one();
+    if (!settle(std::move(outcome))) return false;
+    wake();
     return true;
   }
 
-  // Hands this caller the bus to read; false when it has given up (the bus
-  // must go to someone else).
-  bool giveBus() {
-    {
-      std::lock_guard lock(mutex_);
-      if (state_ != State::kWaiting) return false;
-      givenBus_ = true;
-    }
-    changed_.notify_one();
+  // answer() without the wake-up, for a reader that wakes its followers
+  // once it has let go of the bus: woken earlier, they would only wait for
+  // the bus to send their next request.
+  bool settle(CallOutcome outcome) {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kWaiting) return false;
+    state_ = State::kAnswered;
+    outcome_ = std::move(outcome);
+    return true;
+  }
+
+  void wake() { changed_.notify_one(); }
+
+  // Hands this caller the bus to read, to be woken by wake(); false when it
+  // has given up (the bus must go to someone else).
+  bool handBus() {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kWaiting) return false;
+    givenBus_ = true;
     return true;
   }
 
@@ -150,6 +155,36 @@ class Waiter {
   State state_ = State::kWaiting;  // guarded by mutex_
   bool givenBus_ = false;          // guarded by mutex_
   CallOutcome outcome_;            // guarded by mutex_
+};
+
+// The callers a holder of the bus answered or handed the bus to, woken only
+// once it has let go of the bus: woken earlier, they would at once wait for
+// it to send their next request.
+class Wakes {
+ public:
+  void add(std::shared_ptr<Waiter> waiter) { waiters_.push_back(std::move(waiter)); }
+  // Takes over `list`, leaving it empty (with this list's storage).
+  void takeFrom(std::vector<std::shared_ptr<Waiter>>& list) {
+    if (waiters_.empty()) {
+      waiters_.swap(list);
+    } else {
+      for (auto& waiter : list) waiters_.push_back(std::move(waiter));
+      list.clear();
+    }
+  }
+  void run() {
+    for (const auto& waiter : waiters_) waiter->wake();
+    waiters_.clear();
+  }
+
+  // One per thread, so that its storage is reused call after call.
+  static Wakes& ofThisThread() {
+    thread_local Wakes wakes;
+    return wakes;
+  }
+
+ private:
+  std::vector<std::shared_ptr<Waiter>> waiters_;
 };
 
 struct Subscription {

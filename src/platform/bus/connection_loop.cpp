@@ -69,13 +69,13 @@ class Loop {
         link_.close("connection closed");
         core_->link = nullptr;
         std::vector<std::function<void()>> tasks = link_.takeDeferred();
-        bus.unlock();
+        unlockBus(&link_, bus, Wakes::ofThisThread());
         runTasks(tasks);
         return;
       }
       const int timeout = prepareSleep();
       std::vector<std::function<void()>> tasks = link_.takeDeferred();
-      bus.unlock();
+      unlockBus(&link_, bus, Wakes::ofThisThread());
       // The host's handlers run with no lock held: one that blocks holds up
       // nobody's synchronous call.
       runTasks(tasks);
@@ -171,7 +171,7 @@ class Loop {
       core_->reader = Reader::kLoop;
     }
     (void)link_.process([] { return false; });
-    releaseReader(*core_, &link_);
+    releaseReader(*core_, &link_, Wakes::ofThisThread());
   }
 
   // A released connection ends once nothing is in flight, or when the grace

@@ -32,6 +32,7 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
   // something already read waits to be dispatched, the first read would
   // find nothing, so the caller sleeps on the bus first.
   bool readNow = !justSent || (core.link != nullptr && core.link->hasUndispatched());
+  Wakes& wakes = Wakes::ofThisThread();
   for (;;) {
     Link* link = core.link;
     if (link == nullptr) break;
@@ -55,18 +56,19 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
                               pollfd{core.readerWakeFd, POLLIN, 0}};
     const int timeout = sleepTimeoutMs(busTimeout, deadline);
-    busLock.unlock();
+    unlockBus(link, busLock, wakes);
     (void)::poll(fds.data(), fds.size(), timeout);
     if ((fds[1].revents & POLLIN) != 0) Core::consumeFd(core.readerWakeFd);
     if (!busLock.try_lock_until(deadline)) {
       // Another thread holds the bus past this caller's deadline: leave
       // the reading to others without waiting for it.
-      releaseReader(core, nullptr);
+      releaseReader(core, nullptr, wakes);
+      wakes.run();
       return finish(core, waiter);
     }
   }
-  releaseReader(core, core.link);
-  busLock.unlock();
+  releaseReader(core, core.link, wakes);
+  unlockBus(core.link, busLock, wakes);
   return finish(core, waiter);
 }
 
@@ -103,7 +105,13 @@ void disarmLoop(Core& core) {
   if (epoll_ctl(core.epollFd, EPOLL_CTL_MOD, core.armedBusFd, &event) == 0) core.armedEvents = 0;
 }
 
-void releaseReader(Core& core, Link* link) {
+void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes) {
+  if (link != nullptr) link->takeAnswered(wakes);
+  busLock.unlock();
+  wakes.run();
+}
+
+void releaseReader(Core& core, Link* link, Wakes& wakes) {
   bool wakeLoop = false;
   {
     std::lock_guard lock(core.mutex);
@@ -111,8 +119,9 @@ void releaseReader(Core& core, Link* link) {
       std::shared_ptr<Waiter> next = std::move(core.waiting.front());
       core.waiting.pop_front();
       // The bus passes at once, so that no newcomer takes it meanwhile.
-      if (next->giveBus()) {
+      if (next->handBus()) {
         core.reader = Reader::kCaller;
+        wakes.add(std::move(next));
         return;
       }
     }
@@ -159,7 +168,9 @@ CallOutcome awaitAsFollower(Core& core, const std::shared_ptr<Waiter>& waiter, C
   }
   std::unique_lock busLock(core.busMutex, std::defer_lock);
   if (!busLock.try_lock_until(deadline)) {
-    releaseReader(core, nullptr);
+    Wakes& wakes = Wakes::ofThisThread();
+    releaseReader(core, nullptr, wakes);
+    wakes.run();
     return finish(core, *waiter);
   }
   return readUntilAnswered(core, *waiter, deadline, busLock, false);

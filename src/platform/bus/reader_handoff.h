@@ -35,11 +35,16 @@ NamedConnection::CallOutcome awaitAsFollower(NamedConnection::Core& core, const 
                                              std::chrono::steady_clock::time_point deadline);
 
 // The current reader lets go of the bus: to the first caller still waiting,
-// or to nobody, in which case the connection's thread watches the bus from
-// now on if anything else awaits it. `link` is null when the reader no
-// longer holds busMutex (its deadline passed while another thread had it):
-// the connection's thread is then woken to look for itself.
-void releaseReader(NamedConnection::Core& core, Link* link);
+// who joins `wakes`, or to nobody, in which case the connection's thread
+// watches the bus from now on if anything else awaits it. `link` is null
+// when the reader no longer holds busMutex (its deadline passed while
+// another thread had it): the connection's thread is then woken to look
+// for itself.
+void releaseReader(NamedConnection::Core& core, Link* link, Wakes& wakes);
+
+// Lets go of the bus, then wakes the callers answered or handed the bus
+// while it was held.
+void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes);
 
 // Points the connection's thread at the bus, or away from it. Under the
 // core's mutex.
