@@ -94,6 +94,7 @@ class Waiter {
     if (state_ != State::kWaiting) return false;
     state_ = State::kAnswered;
     outcome_ = std::move(outcome);
+    answered_.store(true, std::memory_order_release);
     return true;
   }
 
@@ -123,10 +124,8 @@ class Waiter {
     return Woken::kDeadline;
   }
 
-  bool answered() const {
-    std::lock_guard lock(mutex_);
-    return state_ == State::kAnswered;
-  }
+  // Asked after every message a reader dispatches, so without the lock.
+  bool answered() const { return answered_.load(std::memory_order_acquire); }
 
   bool abandoned() const {
     std::lock_guard lock(mutex_);
@@ -155,6 +154,7 @@ class Waiter {
   State state_ = State::kWaiting;  // guarded by mutex_
   bool givenBus_ = false;          // guarded by mutex_
   CallOutcome outcome_;            // guarded by mutex_
+  std::atomic<bool> answered_{false};  // state_ == kAnswered, for reading without the lock
 };
 
 // The callers a holder of the bus answered or handed the bus to, woken only
