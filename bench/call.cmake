@@ -9,7 +9,7 @@ if(TARGET vela_private_bus)
   # The protocol's names are header-only constants: the bench compiles them
   # in and links nothing of the library but the shared library.
   target_include_directories(vela_call_bench PRIVATE ${PROJECT_SOURCE_DIR}/src)
-  target_link_libraries(vela_call_bench PRIVATE Vela::vela vela_private_bus benchmark::benchmark PkgConfig::SYSTEMD
+  target_link_libraries(vela_call_bench PRIVATE Vela::vela vela_bench_bus benchmark::benchmark PkgConfig::SYSTEMD
                                                 vela_warnings)
   if(TARGET velad)
     add_dependencies(vela_call_bench velad)

@@ -43,6 +43,7 @@
 #include <vela/VelaNotifySession.h>
 #include <vela/VelaSync.h>
 
+#include "bench_bus.h"
 #include "platform/bus/bus_names.h"
 #include "private_bus.h"
 #include "protocol/names.h"
@@ -172,6 +173,7 @@ class Environment {
   }
 
   vela::testing::VeladProcess& velad() { return *velad_; }
+  std::string busDescription() const { return bus_.describe(); }
 
   void ensureVeladRunning() {
     if (velad_->waitForExit(std::chrono::milliseconds(0))) velad_->restart();
@@ -214,7 +216,7 @@ class Environment {
   }
 
   static inline Environment* instance_ = nullptr;  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
-  vela::testing::PrivateBus bus_;                  // first: it exports the bus address velad and the library use
+  vela::bench::BenchBus bus_;                      // first: it exports the bus address velad and the library use
   std::optional<vela::testing::VeladProcess> velad_;
   sd_bus* testingBus_ = nullptr;
 };
@@ -733,10 +735,12 @@ class SummaryReporter : public benchmark::ConsoleReporter {
                   verdict(r->counter("ratio") <= 1.15));
     }
     if (const Result* r = find("BM_AlternatingThroughput", 1)) {
-      std::printf("  8 threads, rounds   %.0f/s vs bare %.0f/s: %.3fx (target >= 0.90x) %s; client CPU per call %.1f us vs %.1f us, sleeps per call %.2f vs %.2f\n",
-                  r->counter("vela_per_s"), r->counter("bare_per_s"), r->counter("ratio"), verdict(r->counter("ratio") >= 0.90),
-                  r->counter("vela_cpu_us"), r->counter("bare_cpu_us"), r->counter("vela_switches"),
-                  r->counter("bare_switches"));
+      std::printf(
+          "  8 threads, rounds   %.0f/s vs bare %.0f/s: %.3fx (target >= 0.90x) %s; client CPU per call %.1f us vs "
+          "%.1f us, sleeps per call %.2f vs %.2f\n",
+          r->counter("vela_per_s"), r->counter("bare_per_s"), r->counter("ratio"), verdict(r->counter("ratio") >= 0.90),
+          r->counter("vela_cpu_us"), r->counter("bare_cpu_us"), r->counter("vela_switches"),
+          r->counter("bare_switches"));
     }
     const Result* vela8 = find("BM_VelaSyncCall", 8);
     const Result* bare8 = find("BM_BareSdBusCall", 8);
@@ -803,7 +807,8 @@ void printHeader() {
   std::printf(
       "vela_call_bench: GetLocusDeviceId through the library (VelaNotifySession::sharedInstance()->locusDeviceId())\n"
       "against a blocking sd_bus_call_method of the same member on a connection of its own, both reading the\n"
-      "device id out of the a{sv} reply, against one velad --testing on a private bus started here.\n"
+      "device id out of the a{sv} reply, against one velad --testing started here on a private dbus-daemon, or\n"
+      "on the bus whose address is in VELA_BENCH_BUS_ADDRESS.\n"
       "Targets (reported, not enforced):\n"
       "  BM_VelaSyncCall median latency         <= 1.10x BM_BareSdBusCall\n"
       "  BM_AlternatingCalls ratio              <= 1.05: the same, one call of each in turn (steadier under load)\n"
@@ -868,6 +873,7 @@ int main(int argc, char** argv) {
     (void)std::fprintf(stderr, "cannot start the private bus and velad: %s\n", e.what());
     return 1;
   }
+  std::printf("Bus: %s\n\n", Environment::get().busDescription().c_str());
   measureFootprint();
 
   SummaryReporter reporter(isatty(STDOUT_FILENO) != 0 ? benchmark::ConsoleReporter::OO_Color

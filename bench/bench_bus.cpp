@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+#include "bench_bus.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+namespace vela::bench {
+
+BenchBus::BenchBus() {
+  const char* given = std::getenv(kBusAddressVariable);
+  if (given == nullptr || *given == '\0') {
+    private_.emplace();
+    address_ = private_->address();
+    return;
+  }
+  address_ = given;
+  std::string pattern = (std::filesystem::temp_directory_path() / "vela-bench-XXXXXX").string();
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (::mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("cannot make a temporary directory");
+  directory_ = buffer.data();
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
+  ::setenv("VELA_PREFERENCES_PATH", (directory_ + "/preferences.sqlite3").c_str(), 1);
+}
+
+BenchBus::~BenchBus() {
+  if (directory_.empty()) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(directory_, ignored);
+}
+
+std::string BenchBus::describe() const {
+  return private_ ? "a private dbus-daemon" : std::string(kBusAddressVariable) + "=" + address_;
+}
+
+}  // namespace vela::bench
