@@ -2,6 +2,7 @@
 // E-mail vetting end to end: the request, the notifications velad posts, and
 // the delegate calls they become on the main thread (here, the test's own
 // thread, which runs the library's default loop).
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <sstream>
@@ -265,6 +266,55 @@ TEST_F(EmailVetting, KeepsListeningAcrossADaemonRestart) {
   post(names::kVetResultsFoundNotification, VelaDictionary{{"Results", "after restart"}});
   ASSERT_TRUE(delegate_->waitForCalls(1));
   EXPECT_EQ(delegate_->calls()[0].results, VelaValue("after restart"));
+}
+
+// Whichever caller reads the bus also reads the notifications on it: one
+// must reach its observers promptly while every thread keeps the bus busy,
+// with nobody waiting for it in particular.
+TEST_F(EmailVetting, ANotificationArrivesPromptlyWhileEightThreadsCallBackToBack) {
+  static constexpr std::string_view kMarker = "test.prompt";
+  script({});
+  EXPECT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
+  settle();
+
+  // Observers run on the main thread, which is this one.
+  std::optional<std::chrono::steady_clock::time_point> arrival;
+  auto token = std::make_shared<int>(0);
+  notify::NotificationCenter::defaultCenter().addObserver(token, std::string(kMarker), nullptr,
+                                                          [&arrival](const notify::Notification&) {
+                                                            arrival = std::chrono::steady_clock::now();
+                                                            VelaMainThread::stop();
+                                                          });
+  std::atomic<bool> stop{false};
+  std::atomic<int> failedCalls{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 8; ++i) {
+    callers.emplace_back([&] {
+      while (!stop) {
+        if (!session_->locusDeviceId()) ++failedCalls;
+      }
+    });
+  }
+  std::vector<std::chrono::steady_clock::duration> delays;
+  for (int i = 0; i < 9; ++i) {
+    arrival.reset();
+    const auto posted = std::chrono::steady_clock::now();
+    post(kMarker);
+    const auto deadline = posted + kReplyTimeLimit;
+    while (!arrival && std::chrono::steady_clock::now() < deadline) {
+      VelaMainThread::runFor(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - posted));
+    }
+    if (!arrival) break;
+    delays.push_back(*arrival - posted);
+  }
+  stop = true;
+  for (auto& caller : callers) caller.join();
+  notify::NotificationCenter::defaultCenter().removeObserver(token.get(), kMarker, nullptr);
+
+  EXPECT_EQ(failedCalls, 0);
+  ASSERT_EQ(delays.size(), 9U) << "a notification never arrived";
+  std::sort(delays.begin(), delays.end());
+  EXPECT_LT(delays[delays.size() / 2], 50ms) << "median delay from posting to the observer";
 }
 
 // The listening belongs to the session while its observers are registered:

@@ -77,11 +77,8 @@ class Link {
 
   bool idle() const { return pending_.empty() && awaited_.empty(); }
 
-  // Runs `task` on the connection's thread, after the current holder of the
-  // bus lets go of it.
-  void defer(std::function<void()> task) { deferred_.push_back(std::move(task)); }
-  std::vector<std::function<void()>> takeDeferred() { return std::exchange(deferred_, {}); }
-  bool hasDeferred() const { return !deferred_.empty(); }
+  // Runs `task` on the connection's thread, with no lock held.
+  void defer(std::function<void()> task) { core_.defer(std::move(task)); }
 
   // The service's owner went away or changed, or the bus dropped: the owner
   // must stop using the connection. Reported once.
@@ -131,7 +128,6 @@ class Link {
   std::list<PendingCall> pending_;
   std::vector<AwaitedCall> awaited_;
   std::vector<std::shared_ptr<Waiter>> answered_;  // settled, not yet woken
-  std::vector<std::function<void()>> deferred_;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled
   bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more

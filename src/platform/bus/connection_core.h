@@ -341,6 +341,10 @@ struct NamedConnection::Core {
   detail::Reader reader = detail::Reader::kNone;                // guarded by mutex
   // Callers whose answer someone else reads for them, first come first.
   std::deque<std::shared_ptr<detail::Waiter>> waiting;  // guarded by mutex
+  // Host code to run on the connection's thread, in order. Kept here rather
+  // than with the bus so that the thread runs it without the bus lock, which
+  // callers reading back to back might hold for long stretches.
+  std::vector<std::function<void()>> deferred;          // guarded by mutex
   int armedBusFd = -1;                                  // guarded by mutex: the bus fd in epollFd's set, if any
   std::uint32_t armedEvents = 0;                        // guarded by mutex: what it is armed for (0: disarmed)
 
@@ -383,6 +387,30 @@ struct NamedConnection::Core {
       mutate();
     }
     if (wasIdle) wake();
+  }
+
+  // Queues host code for the connection's thread, waking it for the first.
+  void defer(std::function<void()> task) {
+    bool wasEmpty = false;
+    {
+      std::lock_guard lock(mutex);
+      wasEmpty = deferred.empty();
+      deferred.push_back(std::move(task));
+    }
+    if (wasEmpty) wake();
+  }
+
+  std::vector<std::function<void()>> takeDeferred() {
+    std::lock_guard lock(mutex);
+    return std::exchange(deferred, {});
+  }
+
+  // Whether the connection's thread has work that needs the bus: something
+  // queued for it, or reading it because no caller does.
+  bool loopNeedsBus() const {
+    std::lock_guard lock(mutex);
+    return !requests.empty() || !subscriptions.empty() || !exitFlushes.empty() || invalidateRequested ||
+           stopRequested || reader == detail::Reader::kNone;
   }
 
   bool queueEmpty() const {

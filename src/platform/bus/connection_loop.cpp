@@ -61,30 +61,33 @@ class Loop {
       core_->link = &link_;
     }
     for (;;) {
-      std::unique_lock bus(core_->busMutex);
-      drain();
-      readIfNobodyDoes();
-      if (core_->abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link_.dropAbandoned();
-      if (finished()) {
-        link_.close("connection closed");
-        core_->link = nullptr;
-        std::vector<std::function<void()>> tasks = link_.takeDeferred();
-        unlockBus(&link_, bus, Wakes::ofThisThread());
-        runTasks(tasks);
-        return;
-      }
-      const int timeout = prepareSleep();
-      std::vector<std::function<void()>> tasks = link_.takeDeferred();
-      unlockBus(&link_, bus, Wakes::ofThisThread());
       // The host's handlers run with no lock held: one that blocks holds up
-      // nobody's synchronous call.
-      runTasks(tasks);
-      sleep(tasks.empty() ? timeout : 0);
+      // nobody's synchronous call, and callers holding the bus delay none.
+      runTasks(core_->takeDeferred());
+      int timeout = -1;
+      if (core_->loopNeedsBus()) {
+        std::unique_lock bus(core_->busMutex);
+        drain();
+        readIfNobodyDoes();
+        if (core_->abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link_.dropAbandoned();
+        if (finished()) {
+          link_.close("connection closed");
+          core_->link = nullptr;
+          unlockBus(&link_, bus, Wakes::ofThisThread());
+          runTasks(core_->takeDeferred());
+          return;
+        }
+        timeout = prepareSleep();
+        unlockBus(&link_, bus, Wakes::ofThisThread());
+      }
+      // Otherwise a caller reads the bus, and wakes this thread when it
+      // stops or defers work to it.
+      sleep(timeout);
     }
   }
 
  private:
-  static void runTasks(std::vector<std::function<void()>>& tasks) {
+  static void runTasks(std::vector<std::function<void()>> tasks) {
     for (auto& task : tasks) task();
   }
 

@@ -40,13 +40,11 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     bool alive = true;
     if (readNow) alive = link->process([&waiter] { return waiter.answered(); });
     readNow = true;
-    if (link->hasDeferred()) core.wake();
     if (waiter.answered()) {
       // Answers read along with this one go to their callers now, rather
       // than each waiting for the bus to be handed to it; what has not
       // arrived yet is left to the next reader.
       if (alive) (void)link->process([link] { return !link->hasUndispatched(); });
-      if (link->hasDeferred()) core.wake();
       break;
     }
     int fd = -1;
@@ -126,7 +124,7 @@ void releaseReader(Core& core, Link* link, Wakes& wakes) {
       }
     }
     core.reader = Reader::kNone;
-    if (link == nullptr || link->hasDeferred() || link->hasUndispatched()) {
+    if (link == nullptr || link->hasUndispatched()) {
       wakeLoop = true;
     } else if (link->awaitsBackground()) {
       int fd = -1;
