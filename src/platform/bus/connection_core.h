@@ -151,9 +151,9 @@ class Waiter {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  State state_ = State::kWaiting;  // guarded by mutex_
-  bool givenBus_ = false;          // guarded by mutex_
-  CallOutcome outcome_;            // guarded by mutex_
+  State state_ = State::kWaiting;      // guarded by mutex_
+  bool givenBus_ = false;              // guarded by mutex_
+  CallOutcome outcome_;                // guarded by mutex_
   std::atomic<bool> answered_{false};  // state_ == kAnswered, for reading without the lock
 };
 
@@ -344,9 +344,9 @@ struct NamedConnection::Core {
   // Host code to run on the connection's thread, in order. Kept here rather
   // than with the bus so that the thread runs it without the bus lock, which
   // callers reading back to back might hold for long stretches.
-  std::vector<std::function<void()>> deferred;          // guarded by mutex
-  int armedBusFd = -1;                                  // guarded by mutex: the bus fd in epollFd's set, if any
-  std::uint32_t armedEvents = 0;                        // guarded by mutex: what it is armed for (0: disarmed)
+  std::vector<std::function<void()>> deferred;  // guarded by mutex
+  int armedBusFd = -1;                          // guarded by mutex: the bus fd in epollFd's set, if any
+  std::uint32_t armedEvents = 0;                // guarded by mutex: what it is armed for (0: disarmed)
 
   Core() = default;
   Core(const Core&) = delete;
