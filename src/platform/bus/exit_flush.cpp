@@ -6,6 +6,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/bus/bus_link.h"
+
 namespace vela::bus::detail {
 namespace {
 
@@ -22,6 +24,17 @@ LiveConnections& liveConnections() {
   // Never destroyed: exit handlers and static destructors run in any order.
   static auto* const live = new LiveConnections();  // NOLINT(*-owning-memory,*-avoid-non-const-global-variables)
   return *live;
+}
+
+// Writes what `core`'s bus still holds from this thread, when nothing is
+// queued for the connection's thread and no caller holds the bus: exiting
+// then costs no wake-up of that thread. False when the thread must do it.
+bool flushHere(NamedConnection::Core& core) {
+  if (!core.queueEmpty()) return false;
+  std::unique_lock bus(core.busMutex, std::try_to_lock);
+  if (!bus.owns_lock()) return false;
+  if (core.link != nullptr) core.link->flush();
+  return true;
 }
 
 // A request sent without a reply returns before it leaves the process, so a
@@ -41,6 +54,7 @@ void flushAtExit() {
     // Not its own loop, whose thread is this one; not one inherited across
     // fork(), or one whose thread never started: neither has a loop to wait for.
     if (core.get() == loopOfThisThread || core->generation != forkGeneration.load() || core->wakeFd < 0) continue;
+    if (flushHere(*core)) continue;
     auto flush = std::make_shared<ExitFlush>();
     {
       std::lock_guard lock(core->mutex);
