@@ -39,4 +39,10 @@ class BenchBus {
   std::string directory_;  // only when the bus is given: the preference store's
 };
 
+// What every benchmark's clients meet: the bus, and velad --testing on it.
+struct BusWithVelad {
+  BenchBus bus;  // first: it exports the bus address velad and the clients use
+  vela::testing::VeladProcess velad;
+};
+
 }  // namespace vela::bench

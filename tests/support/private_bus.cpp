@@ -55,27 +55,15 @@ bool waitReadable(int fd, std::chrono::milliseconds timeout) {
   }
 }
 
+}  // namespace
+
 void checkSpawn(int error, const char* what) {
   if (error != 0) throwErrno(error, what);
 }
 
-// Owns a posix_spawn_file_actions_t.
-class FileActions {
- public:
-  FileActions() { checkSpawn(::posix_spawn_file_actions_init(&actions_), "posix_spawn_file_actions_init"); }
-  ~FileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-  FileActions(const FileActions&) = delete;
-  FileActions& operator=(const FileActions&) = delete;
-  FileActions(FileActions&&) = delete;
-  FileActions& operator=(FileActions&&) = delete;
+FileActions::FileActions() { checkSpawn(::posix_spawn_file_actions_init(&actions_), "posix_spawn_file_actions_init"); }
 
-  posix_spawn_file_actions_t* get() { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_{};
-};
-
-}  // namespace
+FileActions::~FileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
 
 std::string ExitStatus::toString() const {
   if (signal == 0) return "exit code " + std::to_string(code);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <spawn.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -32,6 +33,25 @@ void PrintTo(const ExitStatus& status, std::ostream* os);  // GoogleTest's print
 // sanitized children start slowly on a loaded machine.
 inline constexpr std::chrono::milliseconds kStartTimeout = std::chrono::seconds(60);
 inline constexpr std::chrono::milliseconds kStopTimeout = std::chrono::seconds(30);
+
+// Throws std::system_error for a posix_spawn error code other than 0.
+void checkSpawn(int error, const char* what);
+
+// Owns a posix_spawn_file_actions_t.
+class FileActions {
+ public:
+  FileActions();
+  ~FileActions();
+  FileActions(const FileActions&) = delete;
+  FileActions& operator=(const FileActions&) = delete;
+  FileActions(FileActions&&) = delete;
+  FileActions& operator=(FileActions&&) = delete;
+
+  posix_spawn_file_actions_t* get() { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_{};
+};
 
 struct SubprocessOptions {
   bool notifyPipe = false;     // give the child a pipe at Subprocess::kNotifyFd
