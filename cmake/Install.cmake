@@ -11,6 +11,8 @@ install(TARGETS vela
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+# The preference store's module, where the library looks for it.
+install(TARGETS vela_store LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/velanotification COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/vela/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vela
         COMPONENT dev

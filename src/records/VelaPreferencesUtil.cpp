@@ -5,7 +5,7 @@
 #include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/coercion.h"
-#include "platform/prefs/sqlite_store.h"
+#include "platform/prefs/store.h"
 
 namespace vela::prefs {
 namespace {
@@ -15,7 +15,7 @@ namespace {
 
 std::optional<VelaValue> readValue(std::string_view key, std::string_view domain) noexcept {
   try {
-    return SqliteStore::shared().copyValue(domain, key);
+    return store().copyValue(domain, key);
   } catch (...) {
     return std::nullopt;
   }
@@ -23,14 +23,14 @@ std::optional<VelaValue> readValue(std::string_view key, std::string_view domain
 
 void writeValue(std::string_view key, std::string_view domain, const std::optional<VelaValue>& value) noexcept {
   try {
-    SqliteStore& store = SqliteStore::shared();
+    Store& preferences = store();
     // The write itself is durable and visible when it returns; synchronising
     // too keeps each write paired with its domain's synchronisation should the
     // store ever cache.
     // (void): the public setters report nothing; a write that failed reads
     // back as the value that was there before.
-    (void)store.setValue(domain, key, value);
-    store.synchronize(domain);
+    (void)preferences.setValue(domain, key, value);
+    preferences.synchronize(domain);
   } catch (...) {  // NOLINT(bugprone-empty-catch): a write that cannot be made is not reported
   }
 }
@@ -68,7 +68,7 @@ using vela::prefs::writeValue;
 
 void VelaPreferencesUtil::synchronizeDomain(std::string_view domain) {
   try {
-    vela::prefs::SqliteStore::shared().synchronize(domain);
+    vela::prefs::store().synchronize(domain);
   } catch (...) {  // NOLINT(bugprone-empty-catch): synchronisation failures are not reported
   }
 }
@@ -127,7 +127,7 @@ std::optional<VelaValue> VelaPreferencesUtil::objectForKey(std::string_view key,
 
 VelaDictionary VelaPreferencesUtil::dictionaryForDomain(std::string_view domain) {
   try {
-    return vela::prefs::SqliteStore::shared().copyDomain(domain);
+    return vela::prefs::store().copyDomain(domain);
   } catch (...) {
     return {};
   }

@@ -12,6 +12,8 @@
 
 #include <vela/VelaValue.h>
 
+#include "platform/prefs/store.h"
+
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -43,28 +45,31 @@ inline constexpr int kFormatVersion = 1;
 //
 // Thread: any. Blocks: a write waits up to kBusyTimeoutMs for another
 // process's write; reads never wait for writers.
-class SqliteStore {
+class SqliteStore final : public Store {
  public:
   // The process's store. It lives until the process ends, so that it stays
   // usable from other static destructors and atexit handlers.
   static SqliteStore& shared();
 
+  // Never destroyed: see shared().
+  ~SqliteStore() override = default;
   SqliteStore(const SqliteStore&) = delete;
   SqliteStore& operator=(const SqliteStore&) = delete;
   SqliteStore(SqliteStore&&) = delete;
   SqliteStore& operator=(SqliteStore&&) = delete;
 
-  std::optional<VelaValue> copyValue(std::string_view domain, std::string_view key);
+  std::optional<VelaValue> copyValue(std::string_view domain, std::string_view key) override;
 
   // Every key of `domain` with its value; keys whose value does not decode are
   // left out. Empty when the domain or the store is absent or unreadable.
-  VelaDictionary copyDomain(std::string_view domain);
+  VelaDictionary copyDomain(std::string_view domain) override;
 
   // Stores `value` under (domain, key), or removes the key for nullopt. True
   // once the change is committed (durable: the WAL is synced before return).
-  [[nodiscard]] bool setValue(std::string_view domain, std::string_view key, const std::optional<VelaValue>& value);
+  [[nodiscard]] bool setValue(std::string_view domain, std::string_view key,
+                              const std::optional<VelaValue>& value) override;
 
-  void synchronize(std::string_view domain);
+  void synchronize(std::string_view domain) override;
 
   // The file the current environment selects, or empty if none can be found.
   static std::string databasePath();
@@ -72,7 +77,7 @@ class SqliteStore {
   // Why the last call could not use the database file (it could not be
   // opened, has another format version, or refused a write), or empty when
   // it could.
-  std::string lastFailure();
+  std::string lastFailure() override;
 
  private:
   enum class Access { kRead, kWrite };
@@ -83,7 +88,6 @@ class SqliteStore {
   using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 
   SqliteStore() = default;
-  ~SqliteStore() = default;
 
   // All of the below run with mutex_ held.
   [[nodiscard]] bool ready(Access access);
