@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // velactl: every operation of the library as a subcommand.
 #include <iostream>
+#include <string_view>
 
 #include <vela/VelaSync.h>
 
@@ -34,6 +35,20 @@ namespace {
   return outcome.error || lastResult != 0 ? 1 : 0;
 }
 
+// The subcommand named on the command line: the first argument that is not
+// an option (the only option before it is --json, which takes no value).
+std::string_view subcommandName(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (!arg.empty() && arg.front() != '-') return arg;
+  }
+  return {};
+}
+
+bool hasSubcommand(CLI::App& app, std::string_view name) {
+  return !app.get_subcommands([name](const CLI::App* sub) { return sub->get_name() == name; }).empty();
+}
+
 [[nodiscard]] int run(int argc, char** argv) {
   CLI::App app{"velactl: talk to the device-locating daemon through the VelaNotification library"};
   bool json = false;
@@ -41,12 +56,15 @@ namespace {
   app.require_subcommand(1);
   app.fallthrough();
   velactl::Action chosen;
-  velactl::addLocatingCommands(app, chosen);
-  velactl::addTopicCommands(app, chosen);
-  velactl::addLostModeCommands(app, chosen);
-  velactl::addPrefsCommands(app, chosen);
-  velactl::addVettingCommands(app, chosen);
-  velactl::addKithCommands(app, chosen);
+  // Registering every subcommand costs more than the call a short-lived
+  // velactl makes: groups are added only up to the one that has the named
+  // subcommand, and all of them for help or a name that none has.
+  const std::string_view named = subcommandName(argc, argv);
+  for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
+                         velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
+    add(app, chosen);
+    if (!named.empty() && hasSubcommand(app, named)) break;
+  }
   CLI11_PARSE(app, argc, argv);
   const velactl::Outcome outcome = chosen();
   int status = report(outcome, json);
