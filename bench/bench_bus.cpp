@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "bench_bus.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -35,6 +37,19 @@ BenchBus::~BenchBus() {
 
 std::string BenchBus::describe() const {
   return private_ ? "a private dbus-daemon" : std::string(kBusAddressVariable) + "=" + address_;
+}
+
+std::unique_ptr<BusWithVelad> BusWithVelad::start() {
+  std::unique_ptr<BusWithVelad> started;
+  try {
+    started = std::make_unique<BusWithVelad>();
+  } catch (const std::exception& e) {
+    (void)std::fprintf(stderr, "cannot start the bus and velad: %s\n", e.what());
+    return nullptr;
+  }
+  std::printf("Bus: %s\n\n", started->bus.describe().c_str());
+  (void)std::fflush(stdout);
+  return started;
 }
 
 }  // namespace vela::bench

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -43,6 +44,10 @@ class BenchBus {
 struct BusWithVelad {
   BenchBus bus;  // first: it exports the bus address velad and the clients use
   vela::testing::VeladProcess velad;
+
+  // Starts both and says on stdout which bus; nullptr, with the reason on
+  // stderr, when either does not start.
+  static std::unique_ptr<BusWithVelad> start();
 };
 
 }  // namespace vela::bench

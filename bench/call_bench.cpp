@@ -302,6 +302,14 @@ void BM_BareSdBusCall(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// One call of an alternating comparison, through the library or bare; false,
+// with the benchmark skipped, when it got no answer.
+bool callOneSide(bool library, VelaNotifySession& session, BareConnection& bare, benchmark::State& state) {
+  const std::optional<std::string> id = library ? session.locusDeviceId() : bare.locusDeviceId();
+  if (!id) state.SkipWithError(library ? "the library's call got no answer" : "the bare call got no answer");
+  return id.has_value();
+}
+
 // The library's call and the bare call in turn, each timed on its own, the
 // order swapped every iteration. On a shared machine the load drifts over
 // seconds, so the two benchmarks above, run at different moments, can differ
@@ -321,10 +329,10 @@ void BM_AlternatingCalls(benchmark::State& state) {
     for (int side = 0; side < 2; ++side) {
       const bool library = (side == 0) == libraryFirst;
       const auto start = Clock::now();
-      const std::optional<std::string> id = library ? session->locusDeviceId() : bare.locusDeviceId();
+      const bool answered = callOneSide(library, *session, bare, state);
       (library ? viaLibrary : viaBare)
           .push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-      if (!id) state.SkipWithError(library ? "the library's call got no answer" : "the bare call got no answer");
+      if (!answered) break;
     }
     if (state.error_occurred()) break;
     libraryFirst = !libraryFirst;
@@ -356,12 +364,7 @@ void BM_AlternatingCpu(benchmark::State& state) {
     for (int side = 0; side < 2 && !state.error_occurred(); ++side) {
       const bool library = (side == 0) == libraryFirst;
       const double before = processCpuMicros();
-      for (int i = 0; i < kCallsPerBlock; ++i) {
-        const std::optional<std::string> id = library ? session->locusDeviceId() : bare.locusDeviceId();
-        if (!id) {
-          state.SkipWithError(library ? "the library's call got no answer" : "the bare call got no answer");
-          break;
-        }
+      for (int i = 0; i < kCallsPerBlock && callOneSide(library, *session, bare, state); ++i) {
       }
       perCall[library ? 0 : 1] = (processCpuMicros() - before) / kCallsPerBlock;
     }

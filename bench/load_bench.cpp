@@ -808,14 +808,8 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   printHeader(*options);
 
-  std::unique_ptr<Environment> environment;
-  try {
-    environment = std::make_unique<Environment>();
-  } catch (const std::exception& e) {
-    (void)std::fprintf(stderr, "cannot start the bus and velad: %s\n", e.what());
-    return 1;
-  }
-  std::printf("Bus: %s\n\n", environment->bus.describe().c_str());
+  const std::unique_ptr<Environment> environment = Environment::start();
+  if (!environment) return 1;
 
   const std::vector<Configuration> configurations = configurationsFor(*options);
   vela::testing::VeladProcess& velad = environment->velad;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/bus/variant_codec.h"
 #include "protocol/daemon_error.h"
@@ -95,44 +96,21 @@ Link::Started Link::start(Request& request) {
                                : connectionError(-r, std::strerror(-r)));
     return Started::kFailed;
   }
-  if (!request.expectsReply()) {
-    sd_bus_message_set_expect_reply(message, 0);
-    r = sd_bus_send(bus_, message, nullptr);
-    sd_bus_message_unref(message);
-    if (r < 0) fail(request, connectionError(-r, std::strerror(-r)));
-    return r < 0 ? Started::kFailed : Started::kSent;
-  }
-  if (request.waiter) {
-    std::uint64_t cookie = 0;
-    r = sd_bus_send(bus_, message, &cookie);
-    sd_bus_message_unref(message);
-    if (r < 0) {
-      if (meansDisconnected(r)) return Started::kBusGone;
-      fail(request, connectionError(-r, std::strerror(-r)));
-      return Started::kFailed;
-    }
-    awaited_.push_back(AwaitedCall{cookie, request.member, std::move(request.waiter)});
-    return Started::kSent;
-  }
-  pending_.emplace_front();
-  PendingCall& call = pending_.front();
-  call.position = pending_.begin();
-  call.link = this;
-  call.member = request.member;
-  call.onReply = std::move(request.onReply);
-  call.onFailure = std::move(request.onFailure);
-  // No sd-bus time-out: a request waits for its answer or for the
-  // connection to fail.
-  r = sd_bus_call_async(bus_, &call.slot, message, &Link::onReply, &call, UINT64_MAX);
+  const bool expectsReply = request.expectsReply();
+  if (!expectsReply) sd_bus_message_set_expect_reply(message, 0);
+  std::uint64_t cookie = 0;
+  r = sd_bus_send(bus_, message, &cookie);
   sd_bus_message_unref(message);
   if (r < 0) {
-    request.onReply = std::move(call.onReply);
-    request.onFailure = std::move(call.onFailure);
-    pending_.erase(call.position);
-    if (meansDisconnected(r)) return Started::kBusGone;
+    // A request that expects nothing is not sent again elsewhere.
+    if (expectsReply && meansDisconnected(r)) return Started::kBusGone;
     fail(request, connectionError(-r, std::strerror(-r)));
     return Started::kFailed;
   }
+  if (!expectsReply) return Started::kSent;
+  if (!request.waiter) ++pendingInBackground_;
+  pending_.push_back(PendingCall{cookie, request.member, std::move(request.waiter), std::move(request.onReply),
+                                 std::move(request.onFailure)});
   return Started::kSent;
 }
 
@@ -174,26 +152,12 @@ bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
 }
 
 bool Link::awaitsBackground() const {
-  return usable() && (!pending_.empty() || owners_.listening() || owners_.awaitingBus());
+  return usable() && (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus());
 }
 
 bool Link::hasUndispatched() const {
   std::uint64_t timeout = UINT64_MAX;
   return usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
-}
-
-int Link::onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
-  auto* raw = static_cast<PendingCall*>(userdata);
-  Link* link = raw->link;
-  // sd-bus holds its own reference while it dispatches, so dropping ours
-  // here is safe and keeps the slot from outliving the call.
-  sd_bus_slot_unref(raw->slot);
-  PendingCall call = std::move(*raw);
-  link->pending_.erase(call.position);
-  const bool unreachable = repliesUnreachable(reply);
-  link->deliver(call, readOutcome(reply, *call.member));
-  if (unreachable) link->unreachable(Trouble::kUnreachable);
-  return 0;
 }
 
 void Link::takeUnclaimed(sd_bus_message* message) {
@@ -206,19 +170,24 @@ void Link::takeUnclaimed(sd_bus_message* message) {
     }
     return;
   }
-  const auto call = std::find_if(awaited_.begin(), awaited_.end(),
-                                 [cookie](const AwaitedCall& awaited) { return awaited.cookie == cookie; });
+  const auto found = std::find_if(pending_.begin(), pending_.end(),
+                                  [cookie](const PendingCall& call) { return call.cookie == cookie; });
   // A reply to a call whose caller gave up and was forgotten.
-  if (call == awaited_.end()) return;
-  AwaitedCall answered = std::move(*call);
-  awaited_.erase(call);
+  if (found == pending_.end()) return;
+  PendingCall call = std::move(*found);
+  pending_.erase(found);
   const bool unreachable = repliesUnreachable(message);
-  // A caller that gave up drops the answer here.
-  if (answered.waiter->settle(readOutcome(message, *answered.member))) answered_.push_back(std::move(answered.waiter));
+  conclude(call, readOutcome(message, *call.member));
   if (unreachable) this->unreachable(Trouble::kUnreachable);
 }
 
-void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
+void Link::conclude(PendingCall& call, NamedConnection::CallOutcome outcome) {
+  if (call.waiter) {
+    // A caller that gave up drops the answer here.
+    if (call.waiter->settle(std::move(outcome))) answered_.push_back(std::move(call.waiter));
+    return;
+  }
+  --pendingInBackground_;
   defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure),
          outcome = std::move(outcome)]() mutable {
     if (outcome.failure) {
@@ -230,7 +199,7 @@ void Link::deliver(PendingCall& call, NamedConnection::CallOutcome outcome) {
 }
 
 void Link::dropAbandoned() {
-  std::erase_if(awaited_, [](const AwaitedCall& call) { return call.waiter->abandoned(); });
+  std::erase_if(pending_, [](const PendingCall& call) { return call.waiter && call.waiter->abandoned(); });
 }
 
 void Link::interrupt(Trouble why) {
@@ -257,17 +226,14 @@ void Link::invalidate() {
 // Fails what is in flight and lets go of the bus. Answers already read stay
 // queued ahead of the failures: they are real.
 void Link::close(const char* why) {
-  std::list<PendingCall> failed;
-  failed.swap(pending_);
-  std::vector<AwaitedCall> unanswered = std::exchange(awaited_, {});
-  for (auto& call : failed) call.slot = sd_bus_slot_unref(call.slot);
+  std::deque<PendingCall> failed = std::exchange(pending_, {});
   owners_.detach();
   bus_ = sd_bus_close_unref(bus_);
-  if (!failed.empty() || !unanswered.empty()) {
-    const VelaError error = connectionError(ENOTCONN, why);
-    for (auto& call : unanswered) (void)call.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
-    for (auto& call : failed) deliver(call, NamedConnection::CallOutcome{std::nullopt, error});
-  }
+  const VelaError error = connectionError(ENOTCONN, why);
+  for (auto& call : failed) conclude(call, NamedConnection::CallOutcome{std::nullopt, error});
+  // Closing is rare and may happen with nobody left to let go of the bus
+  // (the connection's thread ending): its callers are woken now.
+  for (const auto& waiter : std::exchange(answered_, {})) waiter->wake();
   // A caller reading the bus learns that its call has just failed.
   NamedConnection::Core::signalFd(core_.readerWakeFd);
 }

@@ -2,8 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <list>
+#include <memory>
 #include <vector>
 
 #include <systemd/sd-bus.h>
@@ -75,7 +76,7 @@ class Link {
     if (usable()) (void)sd_bus_flush(bus_);
   }
 
-  bool idle() const { return pending_.empty() && awaited_.empty(); }
+  bool idle() const { return pending_.empty(); }
 
   // Runs `task` on the connection's thread, with no lock held.
   void defer(std::function<void()> task) { core_.defer(std::move(task)); }
@@ -94,39 +95,32 @@ class Link {
   void takeAnswered(Wakes& wakes) { wakes.takeFrom(answered_); }
 
  private:
-  // A request whose handlers run on the connection's thread.
+  // A request on the wire, matched to its reply by cookie: sd-bus hands back
+  // the replies nobody registered for, which spares each call a slot and a
+  // hash-table entry inside sd-bus.
   struct PendingCall {
-    Link* link = nullptr;
-    sd_bus_slot* slot = nullptr;
-    const protocol::Member* member = nullptr;
-    ReplyHandler onReply;
-    FailureHandler onFailure;
-    std::list<PendingCall>::iterator position;
-  };
-
-  // A synchronous caller's request. Its reply is matched by cookie: sd-bus
-  // hands back the replies nobody registered for, which spares each call a
-  // slot and a hash-table entry.
-  struct AwaitedCall {
     std::uint64_t cookie = 0;
     const protocol::Member* member = nullptr;
-    std::shared_ptr<Waiter> waiter;
+    std::shared_ptr<Waiter> waiter;  // a synchronous caller, or
+    ReplyHandler onReply;            // the handlers, run on the connection's thread
+    FailureHandler onFailure;
   };
 
-  // Runs the handlers of a request on the connection's thread.
-  void deliver(PendingCall& call, NamedConnection::CallOutcome outcome);
+  // Gives a call its outcome: its waiter settled (to be woken once the bus
+  // is let go of), or its handlers deferred to the connection's thread.
+  void conclude(PendingCall& call, NamedConnection::CallOutcome outcome);
   void fail(Request& request, const VelaError& error);
-  // A message sd-bus dispatched to no one: a synchronous caller's reply, or
-  // a method call for an object this connection does not have.
+  // A message sd-bus dispatched to no one: a reply to a pending call, or a
+  // method call for an object this connection does not have.
   void takeUnclaimed(sd_bus_message* message);
-
-  static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
   NamedConnection::Core& core_;
   sd_bus* bus_ = nullptr;
   OwnerWatch owners_;
-  std::list<PendingCall> pending_;
-  std::vector<AwaitedCall> awaited_;
+  // Oldest first: replies mostly come in the order of their requests, so
+  // the one sought is nearly always at the front.
+  std::deque<PendingCall> pending_;
+  std::size_t pendingInBackground_ = 0;            // pending calls with handlers rather than a waiter
   std::vector<std::shared_ptr<Waiter>> answered_;  // settled, not yet woken
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled

@@ -92,9 +92,8 @@ class Waiter {
   bool settle(CallOutcome outcome) {
     std::lock_guard lock(mutex_);
     if (state_ != State::kWaiting) return false;
-    state_ = State::kAnswered;
     outcome_ = std::move(outcome);
-    answered_.store(true, std::memory_order_release);
+    state_.store(State::kAnswered, std::memory_order_release);
     return true;
   }
 
@@ -125,12 +124,9 @@ class Waiter {
   }
 
   // Asked after every message a reader dispatches, so without the lock.
-  bool answered() const { return answered_.load(std::memory_order_acquire); }
+  bool answered() const { return state_.load(std::memory_order_acquire) == State::kAnswered; }
 
-  bool abandoned() const {
-    std::lock_guard lock(mutex_);
-    return state_ == State::kAbandoned;
-  }
+  bool abandoned() const { return state_.load(std::memory_order_acquire) == State::kAbandoned; }
 
   // Gives up without sleeping (the caller reads, and its deadline passed):
   // the answer, if it came just in time, is kept.
@@ -151,10 +147,10 @@ class Waiter {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  State state_ = State::kWaiting;      // guarded by mutex_
-  bool givenBus_ = false;              // guarded by mutex_
-  CallOutcome outcome_;                // guarded by mutex_
-  std::atomic<bool> answered_{false};  // state_ == kAnswered, for reading without the lock
+  // Changed under mutex_; atomic so that it can be asked without it.
+  std::atomic<State> state_{State::kWaiting};
+  bool givenBus_ = false;  // guarded by mutex_
+  CallOutcome outcome_;    // guarded by mutex_
 };
 
 // The callers a holder of the bus answered or handed the bus to, woken only
@@ -409,17 +405,23 @@ struct NamedConnection::Core {
   // queued for it, or reading it because no caller does.
   bool loopNeedsBus() const {
     std::lock_guard lock(mutex);
-    return !requests.empty() || !subscriptions.empty() || !exitFlushes.empty() || invalidateRequested ||
-           stopRequested || reader == detail::Reader::kNone;
+    return hasQueuedWork() || reader == detail::Reader::kNone;
   }
 
+  // Whether nothing waits for the connection's thread to send it.
   bool queueEmpty() const {
     std::lock_guard lock(mutex);
-    return requests.empty() && subscriptions.empty() && !invalidateRequested && !stopRequested;
+    return !hasQueuedWork();
   }
 
   // Whether this is the connection's own thread.
   bool onLoopThread() const { return detail::loopOfThisThread == this; }
+
+ private:
+  // Under mutex.
+  bool hasQueuedWork() const {
+    return !requests.empty() || !subscriptions.empty() || !exitFlushes.empty() || invalidateRequested || stopRequested;
+  }
 };
 
 }  // namespace vela::bus

@@ -173,12 +173,7 @@ class Reader {
       fail("unreadable dictionary entry");
       return false;
     }
-    std::optional<VelaValue> value;
-    if (readWhole) {
-      value = next(depth + 1);
-    } else if (!readAsDescribed(*field, value)) {
-      value = describedValue(*field, depth + 1);
-    }
+    std::optional<VelaValue> value = readWhole ? next(depth + 1) : describedValue(*field, depth + 1);
     if (!value) return false;
     dict.insert_or_assign(key, std::move(*value));
     return true;
@@ -207,38 +202,19 @@ class Reader {
     }
   }
 
-  // Reads a variant holding exactly the basic type `field` is described
-  // with, without first asking the message for the type: that costs as much
-  // as the read. False, with nothing read, when the variant holds anything
-  // else; the general reader then takes it (accepting, say, another integer
-  // width) or refuses it.
-  bool readAsDescribed(const protocol::Field& field, std::optional<VelaValue>& value) {
-    const char* signature = basicSignature(field.type);
-    if (signature == nullptr || sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, signature) <= 0) return false;
-    switch (field.type) {
-      case protocol::WireType::kString:
-        if (auto s = basic<const char*>(SD_BUS_TYPE_STRING)) value.emplace(std::string(*s));
-        break;
-      case protocol::WireType::kInt32:
-        value = integer<std::int32_t>(SD_BUS_TYPE_INT32);
-        break;
-      case protocol::WireType::kInteger:
-        value = integer<std::int64_t>(SD_BUS_TYPE_INT64);
-        break;
-      case protocol::WireType::kBoolean:
-        if (auto b = basic<int>(SD_BUS_TYPE_BOOLEAN)) value.emplace(*b != 0);
-        break;
-      default:
-        if (auto d = basic<double>(SD_BUS_TYPE_DOUBLE)) value.emplace(*d);
-        break;
-    }
-    if (value && sd_bus_message_exit_container(m_) < 0) value = fail("unreadable variant");
-    return true;
-  }
-
   // A described value: a record (or described dictionary) keeps only the
-  // keys of its shape; anything else is read in full.
+  // keys of its shape; anything else is read in full. A variant holding
+  // exactly the basic type the field is described with is entered at once:
+  // asking the message for the type first costs as much as the read. An
+  // attempt that does not match reads nothing, and the general reader then
+  // takes the value (another integer width, say) or refuses it.
   std::optional<VelaValue> describedValue(const protocol::Field& field, int depth) {
+    if (const char* signature = basicSignature(field.type);
+        signature != nullptr && sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, signature) > 0) {
+      std::optional<VelaValue> value = basicValue(signature[0]);
+      if (value && sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
+      return value;
+    }
     if (field.type != protocol::WireType::kDictionary || field.shape == nullptr) return next(depth);
     char type = 0;
     const char* contents = nullptr;
@@ -281,6 +257,25 @@ class Reader {
     const char* contents = nullptr;
     if (sd_bus_message_peek_type(m_, &type, &contents) <= 0) return fail("value missing");
     switch (type) {
+      case SD_BUS_TYPE_VARIANT: {
+        if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, contents) <= 0) return fail("unreadable variant");
+        std::optional<VelaValue> inner = next(depth + 1);
+        if (!inner) return std::nullopt;
+        if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
+        return inner;
+      }
+      case SD_BUS_TYPE_ARRAY:
+        return array(contents, depth);
+      case SD_BUS_TYPE_STRUCT:
+        return structure(contents, depth);
+      default:
+        return basicValue(type);
+    }
+  }
+
+  // Reads the basic value of `type` at the read position.
+  std::optional<VelaValue> basicValue(char type) {
+    switch (type) {
       case SD_BUS_TYPE_STRING: {
         auto s = basic<const char*>(type);
         if (!s) return std::nullopt;
@@ -316,17 +311,6 @@ class Reader {
         if (!d) return std::nullopt;
         return VelaValue(*d);
       }
-      case SD_BUS_TYPE_VARIANT: {
-        if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, contents) <= 0) return fail("unreadable variant");
-        std::optional<VelaValue> inner = next(depth + 1);
-        if (!inner) return std::nullopt;
-        if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable variant");
-        return inner;
-      }
-      case SD_BUS_TYPE_ARRAY:
-        return array(contents, depth);
-      case SD_BUS_TYPE_STRUCT:
-        return structure(contents, depth);
       default:
         return fail("value of a type with no property-list meaning");
     }
