@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "platform/bus/variant_codec.h"
@@ -61,7 +62,13 @@ Link::~Link() { close("connection closed"); }
 
 void Link::open() {
   core_.busMutex.assertHeld();
+  // The first opening sets up state libsystemd keeps for the whole process
+  // (its random seed among it) without a lock of its own: connections of
+  // one process open one at a time.
+  static std::mutex opening;
+  std::unique_lock openingLock(opening);
   const int r = core_.bus == BusKind::kSystem ? sd_bus_open_system(&bus_) : sd_bus_open_user(&bus_);
+  openingLock.unlock();
   if (r < 0) {
     bus_ = nullptr;
     unreachable(Trouble::kBusUnavailable);
