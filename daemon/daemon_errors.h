@@ -12,24 +12,10 @@
 // are refused at the bus level instead (InvalidArgs).
 namespace vela::daemon {
 
-inline constexpr std::string_view kDaemonErrorDomain = "com.zentrex.VelaNotification.daemon";
+inline constexpr std::string_view kDaemonErrorDomain = kVelaDaemonErrorDomain;
 
-enum class DaemonErrorCode : std::int64_t {
-  // A value the request needs was nil. Fix the request; retrying it as it is
-  // fails again.
-  kMissingValue = 1,
-  // No friends account has that user name. Nothing was removed; read the
-  // account again before retrying.
-  kUnknownKithAccount = 2,
-  // The locating state is still switching. Retry once the state has settled
-  // (it is announced on the daemon's notification center).
-  kLocusSwitchInProgress = 3,
-  // The vetted address cannot receive mail. Reported in a vetting's finish.
-  kUndeliverableAddress = 4,
-};
-
-[[nodiscard]] inline VelaError daemonError(DaemonErrorCode code, std::string failureReason) {
-  return VelaError(std::string(kDaemonErrorDomain), static_cast<std::int64_t>(code),
+[[nodiscard]] inline VelaError daemonError(VelaDaemonErrorCode code, std::string failureReason) {
+  return VelaError(std::string(kDaemonErrorDomain), std::int64_t{code},
                    VelaDictionary{{std::string(kVelaErrorFailureReasonKey), std::move(failureReason)}});
 }
 

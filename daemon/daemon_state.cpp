@@ -16,10 +16,9 @@ std::string newDeviceId(std::mt19937_64& generator) {
   return id;
 }
 
-std::string orNil(const std::optional<std::string>& value) { return value ? *value : "(nil)"; }
-
-std::string describeAccount(const std::optional<AccountIdentity>& account) {
-  return account ? account->username + " (" + account->personID + ")" : "(none)";
+template <typename T>
+const char* isSet(const T& value) {
+  return value ? "set" : "none";
 }
 
 }  // namespace
@@ -37,21 +36,18 @@ DaemonState initialDaemonState() {
 }
 
 std::string describeDaemonState(const DaemonState& state) {
+  std::size_t topicCount = 0;
+  for (const auto& [owner, topics] : state.topics) topicCount += topics.size();
   std::string out;
   out += "locus state: " + std::to_string(state.locusState);
   out += state.lastLocusContext ? " (last context " + std::to_string(*state.lastLocusContext) + ")\n" : "\n";
-  out += "kith device id: " + state.kithDeviceId + "\n";
-  out += "locus device id: " + state.locusDeviceId + "\n";
-  out += "store account: " + orNil(state.storeAccount) + "\n";
-  out += "locus account: " + describeAccount(state.locusAccount) + "\n";
-  out += "nimbus account: " + describeAccount(state.nimbusAccount) + "\n";
-  out += "lost mode: " + (state.lostMode ? state.lostMode->description() : std::string("off")) + "\n";
-  out += "kith account: " + (state.kithAccount ? state.kithAccount->description() : std::string("(none)")) + "\n";
-  out += "kith regions inside:";
-  for (const std::string& region : state.kithRegionsInside) out += " " + region;
-  out += "\ntopics:";
-  for (const std::string& topic : state.topics) out += " " + topic;
-  out += "\n";
+  out += "store account: " + std::string(isSet(state.storeAccount)) + "\n";
+  out += "locus account: " + std::string(isSet(state.locusAccount)) + "\n";
+  out += "nimbus account: " + std::string(isSet(state.nimbusAccount)) + "\n";
+  out += "lost mode: " + std::string(state.lostMode ? "on" : "off") + "\n";
+  out += "kith account: " + std::string(isSet(state.kithAccount)) + "\n";
+  out += "kith regions inside: " + std::to_string(state.kithRegionsInside.size()) + "\n";
+  out += "topics: " + std::to_string(topicCount) + " of " + std::to_string(state.topics.size()) + " callers\n";
   return out;
 }
 

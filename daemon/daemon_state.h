@@ -41,15 +41,17 @@ struct DaemonState {
   // Friends-locating regions the device has entered and not yet left.
   std::set<std::string, std::less<>> kithRegionsInside;
 
-  std::set<std::string, std::less<>> topics;
+  // Each caller's topics, by its unique bus name.
+  std::map<std::string, std::set<std::string, std::less<>>, std::less<>> topics;
 };
 
 // A fresh state: locating off, device identifiers new for this run, and the
 // accounts velad reports until an account service feeds it real ones.
 DaemonState initialDaemonState();
 
-// A multi-line, human-readable account of the state for debug dumps. Secrets
-// in records are masked by their descriptions.
+// A multi-line, human-readable account of the state for debug dumps: what is
+// set and how much, never a value that could identify or reach the owner
+// (accounts, tokens, the lost-mode message and number, region names).
 std::string describeDaemonState(const DaemonState& state);
 
 }  // namespace vela::daemon

@@ -30,10 +30,10 @@ std::vector<VetNotification> EmailVetting::verdictFor(const std::string& account
   VelaDictionary results{{"account", account}, {"deliverable", deliverable}};
   VelaDictionary finish;
   if (!deliverable) {
-    finish.emplace(names::kVetErrorKey,
-                   VelaDictionary{{std::string(names::kVetErrorDomainKey), std::string(kDaemonErrorDomain)},
-                                  {std::string(names::kVetErrorCodeKey),
-                                   static_cast<std::int64_t>(DaemonErrorCode::kUndeliverableAddress)}});
+    finish.emplace(
+        names::kVetErrorKey,
+        VelaDictionary{{std::string(names::kVetErrorDomainKey), std::string(kDaemonErrorDomain)},
+                       {std::string(names::kVetErrorCodeKey), std::int64_t{VelaDaemonErrorCodeUndeliverableAddress}}});
   }
   return {
       {std::string(names::kVetResultsFoundNotification), {{std::string(names::kVetResultsKey), std::move(results)}}},

@@ -31,12 +31,19 @@ using protocol::kLocusStateOff;
 using protocol::kLocusStateOn;
 using protocol::kLocusStateSwitching;
 
-Answer failure(DaemonErrorCode code, std::string failureReason) {
+Answer failure(VelaDaemonErrorCode code, std::string failureReason) {
   return Answer{{}, daemonError(code, std::move(failureReason)), std::nullopt};
 }
 
 Answer missing(std::string_view key) {
-  return failure(DaemonErrorCode::kMissingValue, "\"" + std::string(key) + "\" is nil");
+  return failure(VelaDaemonErrorCodeMissingValue, "\"" + std::string(key) + "\" is nil");
+}
+
+// The change was not made: it could not be saved, and velad acknowledges
+// only what a restart keeps.
+Answer notSaved(const StateStore& store) {
+  logLine(store.lastFailure());
+  return failure(VelaDaemonErrorCodeNotSaved, "the change could not be saved; nothing changed");
 }
 
 Answer refused(const RequestArguments& args) { return Answer{{}, std::nullopt, args.problem()}; }
@@ -51,7 +58,7 @@ VelaDictionary accountValues(const std::optional<AccountIdentity>& account) {
 
 struct HandsetActions::Member {
   const protocol::Member* description;
-  Answer (HandsetActions::*perform)(RequestArguments& args, const std::string& sender);
+  Answer (HandsetActions::*perform)(RequestArguments& args, const Caller& caller);
 };
 
 std::span<const HandsetActions::Member> HandsetActions::table() {
@@ -92,29 +99,31 @@ std::vector<std::string> HandsetActions::members() {
   return names;
 }
 
-Answer HandsetActions::perform(std::string_view member, const VelaDictionary& args, const std::string& sender) {
+Answer HandsetActions::perform(std::string_view member, const VelaDictionary& args, const Caller& caller) {
   const auto entry =
       std::find_if(table().begin(), table().end(), [&](const Member& m) { return m.description->name == member; });
   // The host only routes the members it was given, which are these.
   if (entry == table().end()) return Answer{{}, std::nullopt, "unknown member " + std::string(member)};
   RequestArguments arguments(args);
-  Answer answer = (this->*(entry->perform))(arguments, sender);
+  Answer answer = (this->*(entry->perform))(arguments, caller);
   if (arguments.problem()) return refused(arguments);
   return answer;
 }
 
 // --- Lost mode -------------------------------------------------------------
 
-Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const Caller& /*caller*/) {
   auto info = args.record<VelaLostModeInfo>(key::kInfo);
   if (args.problem()) return refused(args);
   if (!info) return missing(key::kInfo);
+  if (!store_.saveLostMode(info.get())) return notSaved(store_);
   state_.lostMode = std::move(info);
   publishLostModeToPreferences(state_.lostMode.get());
   return {};
 }
 
-Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const Caller& /*caller*/) {
+  if (!store_.saveLostMode(nullptr)) return notSaved(store_);
   state_.lostMode.reset();
   // Also when velad holds no lost mode: the entry may be left from an earlier
   // run, and clients go by the entry.
@@ -122,44 +131,50 @@ Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const std::st
   return {};
 }
 
+void HandsetActions::republish() {
+  // The entry may be left from a run that stopped before writing it, or
+  // written by hand; velad's own state decides.
+  publishLostModeToPreferences(state_.lostMode.get());
+}
+
 // --- Locating state and identity -------------------------------------------
 
-Answer HandsetActions::getLocusState(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getLocusState(RequestArguments& /*args*/, const Caller& /*caller*/) {
   return Answer{{{std::string(key::kState), state_.locusState}}, std::nullopt, std::nullopt};
 }
 
-Answer HandsetActions::getKithDeviceId(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getKithDeviceId(RequestArguments& /*args*/, const Caller& /*caller*/) {
   return Answer{{{std::string(key::kDeviceId), state_.kithDeviceId}}, std::nullopt, std::nullopt};
 }
 
-Answer HandsetActions::getLocusDeviceId(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getLocusDeviceId(RequestArguments& /*args*/, const Caller& /*caller*/) {
   return Answer{{{std::string(key::kDeviceId), state_.locusDeviceId}}, std::nullopt, std::nullopt};
 }
 
-Answer HandsetActions::getStoreAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getStoreAccount(RequestArguments& /*args*/, const Caller& /*caller*/) {
   Answer answer;
   if (state_.storeAccount) answer.values.insert_or_assign(std::string(key::kAccount), *state_.storeAccount);
   return answer;
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): every member's handler has one signature
-Answer HandsetActions::getLocusAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getLocusAccount(RequestArguments& /*args*/, const Caller& /*caller*/) {
   return Answer{accountValues(state_.locusAccount), std::nullopt, std::nullopt};
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): every member's handler has one signature
-Answer HandsetActions::getNimbusAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::getNimbusAccount(RequestArguments& /*args*/, const Caller& /*caller*/) {
   return Answer{accountValues(state_.nimbusAccount), std::nullopt, std::nullopt};
 }
 
-Answer HandsetActions::enableLocusInContext(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::enableLocusInContext(RequestArguments& args, const Caller& /*caller*/) {
   const auto context = args.int32(key::kContext);
   if (args.problem()) return refused(args);
   if (!context) return missing(key::kContext);
   return switchLocus(kLocusStateOn, *context);
 }
 
-Answer HandsetActions::disableLocusUsingToken(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::disableLocusUsingToken(RequestArguments& args, const Caller& /*caller*/) {
   const auto token = args.string(key::kToken);
   const auto context = args.int32(key::kContext);
   if (args.problem()) return refused(args);
@@ -172,8 +187,10 @@ Answer HandsetActions::disableLocusUsingToken(RequestArguments& args, const std:
 
 Answer HandsetActions::switchLocus(std::int32_t settled, std::int32_t context) {
   if (state_.locusState == kLocusStateSwitching) {
-    return failure(DaemonErrorCode::kLocusSwitchInProgress, "the locating state is still switching");
+    return failure(VelaDaemonErrorCodeLocusSwitchInProgress, "the locating state is still switching");
   }
+  // Saved as settled: a restart in the middle of the switch finishes it.
+  if (!store_.saveLocus(settled, context)) return notSaved(store_);
   state_.lastLocusContext = context;
   if (state_.locusState == settled) return {};
   setLocusState(kLocusStateSwitching);
@@ -195,90 +212,121 @@ void HandsetActions::setLocusState(std::int32_t state) {
 
 // Entering and leaving carry the same arguments; only what they do to the
 // set of regions the device is in differs.
-template <typename Apply>
-Answer HandsetActions::regionEvent(RequestArguments& args, Apply apply) {
+Answer HandsetActions::regionEvent(RequestArguments& args, bool inside) {
   const auto region = args.string(key::kRegionIdentifier);
   args.record<VelaGeoLocation>(key::kLocation);
   if (args.problem()) return refused(args);
   if (!region) return missing(key::kRegionIdentifier);
-  apply(state_.kithRegionsInside, *region);
+  if (!store_.saveRegion(*region, inside)) return notSaved(store_);
+  if (inside) {
+    state_.kithRegionsInside.insert(*region);
+  } else {
+    state_.kithRegionsInside.erase(*region);
+  }
   // The count only: region names can say where the user lives.
   logVerbose("inside " + std::to_string(state_.kithRegionsInside.size()) + " friends regions");
   return {};
 }
 
-Answer HandsetActions::didEnterKithRegion(RequestArguments& args, const std::string& /*sender*/) {
-  return regionEvent(args, [](auto& inside, const std::string& region) { inside.insert(region); });
+Answer HandsetActions::didEnterKithRegion(RequestArguments& args, const Caller& /*caller*/) {
+  return regionEvent(args, true);
 }
 
-Answer HandsetActions::didExitKithRegion(RequestArguments& args, const std::string& /*sender*/) {
-  return regionEvent(args, [](auto& inside, const std::string& region) { inside.erase(region); });
+Answer HandsetActions::didExitKithRegion(RequestArguments& args, const Caller& /*caller*/) {
+  return regionEvent(args, false);
 }
 
-Answer HandsetActions::addKithAccount(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::addKithAccount(RequestArguments& args, const Caller& /*caller*/) {
   auto account = args.record<VelaKithAccountInfo>(key::kAccount);
   if (args.problem()) return refused(args);
   if (!account) return missing(key::kAccount);
+  if (!store_.saveKithAccount(account.get())) return notSaved(store_);
   logVerbose(state_.kithAccount ? "friends account replaced" : "friends account added");
   state_.kithAccount = std::move(account);
   return {};
 }
 
-Answer HandsetActions::removeKithAccountWithUsername(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::removeKithAccountWithUsername(RequestArguments& args, const Caller& /*caller*/) {
   const auto username = args.string(key::kUsername);
   if (args.problem()) return refused(args);
   if (!username) return missing(key::kUsername);
   if (!state_.kithAccount || state_.kithAccount->username() != username) {
-    return failure(DaemonErrorCode::kUnknownKithAccount, "no friends account has the user name " + *username);
+    return failure(VelaDaemonErrorCodeUnknownKithAccount, "no friends account has the user name " + *username);
   }
+  if (!store_.saveKithAccount(nullptr)) return notSaved(store_);
   state_.kithAccount.reset();
   logVerbose("friends account removed");
   return {};
 }
 
-Answer HandsetActions::retrieveKithAccount(RequestArguments& /*args*/, const std::string& /*sender*/) {
+Answer HandsetActions::retrieveKithAccount(RequestArguments& /*args*/, const Caller& caller) {
   Answer answer;
-  if (state_.kithAccount) {
+  if (!state_.kithAccount) return answer;
+  if (caller.mayReadSecrets) {
     answer.values.insert_or_assign(std::string(key::kAccount), records::archiveRecord(*state_.kithAccount));
+    return answer;
   }
+  VelaKithAccountInfo withoutTokens = *state_.kithAccount;
+  withoutTokens.setAppAuthToken(std::nullopt);
+  withoutTokens.setInternalAuthToken(std::nullopt);
+  answer.values.insert_or_assign(std::string(key::kAccount), records::archiveRecord(withoutTokens));
   return answer;
 }
 
 // --- Vetting, topics, debug ------------------------------------------------
 
-Answer HandsetActions::vetEmailAccount(RequestArguments& args, const std::string& sender) {
+Answer HandsetActions::vetEmailAccount(RequestArguments& args, const Caller& caller) {
   const auto account = args.string(key::kAccount);
   if (args.problem()) return refused(args);
   if (!account) return missing(key::kAccount);
-  vetting_.start(sender, *account);
+  vetting_.start(caller.sender, *account);
   return {};
 }
 
-Answer HandsetActions::cancelEmailVet(RequestArguments& /*args*/, const std::string& sender) {
-  vetting_.cancel(sender);
+Answer HandsetActions::cancelEmailVet(RequestArguments& /*args*/, const Caller& caller) {
+  vetting_.cancel(caller.sender);
   return {};
 }
 
-Answer HandsetActions::startListeningOnTopic(RequestArguments& args, const std::string& /*sender*/) {
+// Topics are the caller's own: it stops only what it started, and they end
+// when it leaves the bus.
+Answer HandsetActions::startListeningOnTopic(RequestArguments& args, const Caller& caller) {
   const auto topic = args.string(key::kTopic);
   if (args.problem()) return refused(args);
   if (!topic) return missing(key::kTopic);
-  state_.topics.insert(*topic);
+  if (!store_.saveTopic(caller.sender, *topic, true)) return notSaved(store_);
+  state_.topics[caller.sender].insert(*topic);
   return {};
 }
 
-Answer HandsetActions::stopListeningOnTopic(RequestArguments& args, const std::string& /*sender*/) {
+Answer HandsetActions::stopListeningOnTopic(RequestArguments& args, const Caller& caller) {
   const auto topic = args.string(key::kTopic);
   if (args.problem()) return refused(args);
   if (!topic) return missing(key::kTopic);
-  state_.topics.erase(*topic);
+  const auto owned = state_.topics.find(caller.sender);
+  if (owned == state_.topics.end() || !owned->second.contains(*topic)) return {};
+  if (!store_.saveTopic(caller.sender, *topic, false)) return notSaved(store_);
+  owned->second.erase(*topic);
+  if (owned->second.empty()) state_.topics.erase(owned);
   return {};
 }
 
-Answer HandsetActions::dumpDebugInfo(RequestArguments& args, const std::string& sender) {
+void HandsetActions::callerLeft(const std::string& sender) {
+  const auto owned = state_.topics.find(sender);
+  if (owned == state_.topics.end()) return;
+  // Kept in memory when the file refuses: a later departure cannot retry,
+  // but the next start drops whatever owners have gone.
+  if (!store_.forgetTopicsOf(sender)) {
+    logLine(store_.lastFailure());
+    return;
+  }
+  state_.topics.erase(owned);
+}
+
+Answer HandsetActions::dumpDebugInfo(RequestArguments& args, const Caller& caller) {
   const auto argument = args.string(key::kArgument);
   if (args.problem()) return refused(args);
-  logLine("debug dump for " + sender + " (argument: " + argument.value_or("(nil)") + ")\n" +
+  logLine("debug dump for " + caller.sender + " (argument: " + printable(argument.value_or("(nil)")) + ")\n" +
           describeDaemonState(state_) + "vettings: " + std::to_string(vetting_.underWay()) + " under way");
   return {};
 }

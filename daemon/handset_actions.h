@@ -16,6 +16,7 @@
 #include "email_vetting.h"
 #include "protocol/typed_reader.h"
 #include "service_host.h"
+#include "state_store.h"
 
 namespace vela::daemon {
 
@@ -31,6 +32,14 @@ struct [[nodiscard]] Answer {
   std::optional<std::string> refusal;
 };
 
+// Who a request comes from, and what the authorizer let it see.
+struct Caller {
+  // Unique bus name.
+  std::string sender;
+  // May the friends account's tokens be returned to it.
+  bool mayReadSecrets = false;
+};
+
 // The reply body: the values, plus the error under "error" when there is one.
 VelaDictionary replyBody(VelaDictionary values, const std::optional<VelaError>& error);
 
@@ -41,49 +50,56 @@ class HandsetActions {
   // unless velad is told otherwise (--locus-settle-ms).
   static constexpr std::chrono::milliseconds kLocusSettleDelay{500};
 
-  // `host` provides timers and notifications; all three must outlive this
-  // object.
-  HandsetActions(DaemonState& state, ServiceHost& host, EmailVetting& vetting,
+  // `host` provides timers and notifications; every change is saved in
+  // `store` before it is acknowledged. All must outlive this object.
+  HandsetActions(DaemonState& state, StateStore& store, ServiceHost& host, EmailVetting& vetting,
                  std::chrono::milliseconds settleDelay = kLocusSettleDelay)
-      : state_(state), host_(host), vetting_(vetting), settleDelay_(settleDelay) {}
+      : state_(state), store_(store), host_(host), vetting_(vetting), settleDelay_(settleDelay) {}
 
   // Every member this implementation answers.
   static std::vector<std::string> members();
 
-  // Carries out one request from `sender` (unique bus name).
-  Answer perform(std::string_view member, const VelaDictionary& args, const std::string& sender);
+  // Carries out one request, which the caller has been authorized to make.
+  Answer perform(std::string_view member, const VelaDictionary& args, const Caller& caller);
+
+  // `sender` has left the bus: its topics end.
+  void callerLeft(const std::string& sender);
+
+  // Makes the state that outlives velad visible to clients again: the
+  // public lost-mode entry and "WardenEnabled" (at start-up, after load).
+  void republish();
 
  private:
   struct Member;
   static std::span<const Member> table();
 
-  Answer enableLostModeWithInfo(RequestArguments& args, const std::string& sender);
-  Answer disableLostMode(RequestArguments& args, const std::string& sender);
-  Answer getLocusState(RequestArguments& args, const std::string& sender);
-  Answer getKithDeviceId(RequestArguments& args, const std::string& sender);
-  Answer getLocusDeviceId(RequestArguments& args, const std::string& sender);
-  Answer getStoreAccount(RequestArguments& args, const std::string& sender);
-  Answer getLocusAccount(RequestArguments& args, const std::string& sender);
-  Answer getNimbusAccount(RequestArguments& args, const std::string& sender);
-  Answer enableLocusInContext(RequestArguments& args, const std::string& sender);
-  Answer disableLocusUsingToken(RequestArguments& args, const std::string& sender);
-  Answer didEnterKithRegion(RequestArguments& args, const std::string& sender);
-  Answer didExitKithRegion(RequestArguments& args, const std::string& sender);
-  template <typename Apply>
-  Answer regionEvent(RequestArguments& args, Apply apply);
-  Answer addKithAccount(RequestArguments& args, const std::string& sender);
-  Answer removeKithAccountWithUsername(RequestArguments& args, const std::string& sender);
-  Answer retrieveKithAccount(RequestArguments& args, const std::string& sender);
-  Answer vetEmailAccount(RequestArguments& args, const std::string& sender);
-  Answer cancelEmailVet(RequestArguments& args, const std::string& sender);
-  Answer startListeningOnTopic(RequestArguments& args, const std::string& sender);
-  Answer stopListeningOnTopic(RequestArguments& args, const std::string& sender);
-  Answer dumpDebugInfo(RequestArguments& args, const std::string& sender);
+  Answer enableLostModeWithInfo(RequestArguments& args, const Caller& caller);
+  Answer disableLostMode(RequestArguments& args, const Caller& caller);
+  Answer getLocusState(RequestArguments& args, const Caller& caller);
+  Answer getKithDeviceId(RequestArguments& args, const Caller& caller);
+  Answer getLocusDeviceId(RequestArguments& args, const Caller& caller);
+  Answer getStoreAccount(RequestArguments& args, const Caller& caller);
+  Answer getLocusAccount(RequestArguments& args, const Caller& caller);
+  Answer getNimbusAccount(RequestArguments& args, const Caller& caller);
+  Answer enableLocusInContext(RequestArguments& args, const Caller& caller);
+  Answer disableLocusUsingToken(RequestArguments& args, const Caller& caller);
+  Answer didEnterKithRegion(RequestArguments& args, const Caller& caller);
+  Answer didExitKithRegion(RequestArguments& args, const Caller& caller);
+  Answer regionEvent(RequestArguments& args, bool inside);
+  Answer addKithAccount(RequestArguments& args, const Caller& caller);
+  Answer removeKithAccountWithUsername(RequestArguments& args, const Caller& caller);
+  Answer retrieveKithAccount(RequestArguments& args, const Caller& caller);
+  Answer vetEmailAccount(RequestArguments& args, const Caller& caller);
+  Answer cancelEmailVet(RequestArguments& args, const Caller& caller);
+  Answer startListeningOnTopic(RequestArguments& args, const Caller& caller);
+  Answer stopListeningOnTopic(RequestArguments& args, const Caller& caller);
+  Answer dumpDebugInfo(RequestArguments& args, const Caller& caller);
 
   Answer switchLocus(std::int32_t settled, std::int32_t context);
   void setLocusState(std::int32_t state);
 
   DaemonState& state_;
+  StateStore& store_;
   ServiceHost& host_;
   EmailVetting& vetting_;
   std::chrono::milliseconds settleDelay_;

@@ -7,11 +7,30 @@
 #include <cstring>
 #include <memory>
 
+#include "daemon_errors.h"
 #include "log.h"
 #include "protocol/daemon_error.h"
 #include "protocol/members.h"
 
 namespace vela::daemon {
+namespace {
+
+// Sends `answer`, each reply typed as the member describes it, at every
+// depth; a test's wrongly typed values stay wrong, only fitting numbers take
+// their type.
+int sendAnswer(IncomingCall& call, const VelaDictionary& values, const std::optional<VelaError>& error) {
+  const protocol::Member* member = protocol::findMember(call.member);
+  const std::array<protocol::Fields, 2> described{member != nullptr ? member->reply : protocol::Fields{},
+                                                  protocol::Fields(&protocol::kDaemonErrorField, 1)};
+  return call.reply.reply(replyBody(values, error), described);
+}
+
+std::string describeCaller(const std::optional<Credentials>& caller) {
+  if (!caller) return "a caller that has left";
+  return "uid " + std::to_string(caller->uid) + " pid " + std::to_string(caller->pid);
+}
+
+}  // namespace
 
 void HandsetService::callArrived(IncomingCall call) {
   logVerbose(call.member + " from " + call.sender);
@@ -22,27 +41,88 @@ void HandsetService::callArrived(IncomingCall call) {
     }
     return;
   }
-  const Behavior behavior =
-      testing_ != nullptr ? testing_->behaviorForCall(call.member, *call.args, call.sender) : Behavior{};
+  if (testing_ != nullptr) testing_->logCall(call.member, *call.args, call.sender);
+  const std::string sender = call.sender;
+  waiting_[sender].calls.push_back(std::move(call));
+  admitNext(sender);
+}
+
+void HandsetService::admitNext(const std::string& sender) {
+  for (;;) {
+    const auto entry = waiting_.find(sender);
+    if (entry == waiting_.end() || entry->second.checking) return;
+    if (entry->second.calls.empty()) {
+      waiting_.erase(entry);
+      return;
+    }
+    entry->second.checking = true;
+    const IncomingCall& next = entry->second.calls.front();
+    // Decided at once (no action, or a caller the authorizer already knows
+    // to be trusted): the loop goes on here. Decided later: the answer
+    // carries on from there.
+    auto deciding = std::make_shared<bool>(true);
+    authorizer_.check(sender, actionFor(next.member), next.allowsInteraction,
+                      [this, sender, deciding](Verdict verdict, const std::optional<Credentials>& caller) {
+                        decided(sender, verdict, caller);
+                        if (!*deciding) admitNext(sender);
+                      });
+    *deciding = false;
+    const auto after = waiting_.find(sender);
+    if (after != waiting_.end() && after->second.checking) return;
+  }
+}
+
+void HandsetService::decided(const std::string& sender, Verdict verdict, const std::optional<Credentials>& caller) {
+  const auto entry = waiting_.find(sender);
+  if (entry == waiting_.end() || entry->second.calls.empty()) return;
+  IncomingCall call = std::move(entry->second.calls.front());
+  entry->second.calls.pop_front();
+  entry->second.checking = false;
+  const Action action = actionFor(call.member);
+  // RetrieveKithAccount is everyone's: polkit only decides whether its
+  // record keeps the tokens.
+  if (verdict != Verdict::kAllowed && action != Action::kKithReadSecrets) {
+    refuse(call, action, verdict, caller);
+    return;
+  }
+  perform(call, Caller{sender, action == Action::kKithReadSecrets && verdict == Verdict::kAllowed});
+}
+
+void HandsetService::refuse(IncomingCall& call, Action action, Verdict verdict,
+                            const std::optional<Credentials>& caller) {
+  const std::string id(actionId(action));
+  if (!call.reply.expectsReply()) {
+    // Nobody would hear the refusal; the log says who was turned away.
+    logLine("dropped " + call.member + " from " + describeCaller(caller) + ": not authorized for " + id);
+    return;
+  }
+  logVerbose(call.member + " refused to " + describeCaller(caller) + ": not authorized for " + id);
+  const VelaError error =
+      verdict == Verdict::kChallenge
+          ? daemonError(VelaDaemonErrorCodeInteractiveAuthorizationRequired, "authentication is required for " + id)
+          : daemonError(VelaDaemonErrorCodeNotAuthorized, "not authorized for " + id);
+  if (const int r = sendAnswer(call, {}, error); r < 0) {
+    logLine("cannot refuse " + call.member + ": " + std::strerror(-r));
+  }
+}
+
+void HandsetService::perform(IncomingCall& call, const Caller& caller) {
+  const Behavior behavior = testing_ != nullptr ? testing_->behaviorForCall(call.member) : Behavior{};
   if (behavior.delay.count() > 0) {
     // std::function needs a copyable closure; the call (and its reply token)
     // is shared with it instead.
     auto delayed = std::make_shared<IncomingCall>(std::move(call));
-    const int r = host_.addTimer(behavior.delay, [this, behavior, delayed] { carryOut(behavior, *delayed); });
+    const int r =
+        host_.addTimer(behavior.delay, [this, behavior, delayed, caller] { carryOut(behavior, *delayed, caller); });
     if (r >= 0) return;
     logLine(std::string("cannot delay an answer: ") + std::strerror(-r));
-    carryOut(behavior, *delayed);
+    carryOut(behavior, *delayed, caller);
     return;
   }
-  carryOut(behavior, call);
+  carryOut(behavior, call, caller);
 }
 
-void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call) {
-  // Every reply is typed as the member describes it, at every depth; a test's
-  // wrongly typed values stay wrong, only fitting numbers take their type.
-  const protocol::Member* member = protocol::findMember(call.member);
-  const std::array<protocol::Fields, 2> described{member != nullptr ? member->reply : protocol::Fields{},
-                                                  protocol::Fields(&protocol::kDaemonErrorField, 1)};
+void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call, const Caller& caller) {
   int r = 0;
   switch (behavior.mode) {
     case BehaviorMode::kExit:
@@ -55,24 +135,29 @@ void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call) {
       r = call.reply.replyWithString("not a dictionary");
       break;
     case BehaviorMode::kError:
-      r = call.reply.reply(replyBody({}, behavior.error), described);
+      r = sendAnswer(call, {}, behavior.error);
       break;
     case BehaviorMode::kValues:
-      r = call.reply.reply(replyBody(behavior.values, behavior.error), described);
+      r = sendAnswer(call, behavior.values, behavior.error);
       break;
     case BehaviorMode::kNormal:
     case BehaviorMode::kDelay: {
-      const Answer answer = actions_.perform(call.member, *call.args, call.sender);
+      const Answer answer = actions_.perform(call.member, *call.args, caller);
       if (answer.refusal) {
         logVerbose(call.member + " refused: " + *answer.refusal);
         r = call.reply.replyError(kInvalidArgsError, *answer.refusal);
       } else {
-        r = call.reply.reply(replyBody(answer.values, answer.error), described);
+        r = sendAnswer(call, answer.values, answer.error);
       }
       break;
     }
   }
   if (r < 0) logLine("cannot answer " + call.member + ": " + std::strerror(-r));
+}
+
+void HandsetService::callerLeft(const std::string& sender) {
+  authorizer_.forget(sender);
+  actions_.callerLeft(sender);
 }
 
 }  // namespace vela::daemon

@@ -12,7 +12,31 @@ bool& verbose() {
   return on;
 }
 
+// Enough to recognise a value by; a client cannot flood the log with one.
+constexpr std::size_t kMaxPrintableLength = 200;
+
 }  // namespace
+
+std::string printable(std::string_view text) {
+  static constexpr std::string_view kHex = "0123456789abcdef";
+  std::string out;
+  for (const char c : text.substr(0, kMaxPrintableLength)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (byte < 0x20 || byte == 0x7f) {
+      out += "\\x";
+      out += kHex[byte >> 4U];
+      out += kHex[byte & 0xfU];
+    } else {
+      out += c;
+    }
+  }
+  if (text.size() > kMaxPrintableLength) out += "... (" + std::to_string(text.size()) + " bytes)";
+  return out;
+}
 
 void setVerboseLogging(bool on) { verbose() = on; }
 

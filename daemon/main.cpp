@@ -9,9 +9,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "authorizer.h"
 #include "daemon_state.h"
 #include "handset_actions.h"
 #include "handset_service.h"
@@ -19,6 +21,8 @@
 #include "platform/bus/bus_names.h"
 #include "protocol/names.h"
 #include "service_host.h"
+#include "state_directory.h"
+#include "state_store.h"
 #include "testing_interface.h"
 
 namespace {
@@ -30,6 +34,7 @@ namespace protocol = vela::protocol;
 struct Options {
   std::string bus = "system";
   bool testing = false;
+  std::string stateDirectory;
   int readyFd = -1;
   bool verbose = false;
   std::int64_t locusSettleMs = daemon::HandsetActions::kLocusSettleDelay.count();
@@ -45,25 +50,63 @@ struct Options {
   return ok;
 }
 
+// Topics saved by an earlier run belong to connections that may have left
+// the bus while velad was away; theirs end now.
+void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonState& state,
+                                daemon::HandsetService& service) {
+  std::vector<std::string> departed;
+  for (const auto& [owner, topics] : state.topics) {
+    // Kept when the bus cannot tell: the departure ends them later.
+    if (host.nameHasOwner(owner) == false) departed.push_back(owner);
+  }
+  for (const std::string& owner : departed) service.callerLeft(owner);
+}
+
 [[nodiscard]] int serve(const Options& options) {
   std::string problem;
   const bus::BusKind kind = options.bus == "session" ? bus::BusKind::kSession : bus::BusKind::kSystem;
+  if (options.testing && kind == bus::BusKind::kSystem) {
+    // Anyone on the system bus could script velad's answers to everyone else.
+    daemon::logLine("the testing interface is served on the session bus only");
+    return 2;
+  }
   std::unique_ptr<daemon::ServiceHost> host = daemon::ServiceHost::open(kind, &problem);
   if (!host) {
     daemon::logLine(problem);
     return 1;
   }
 
+  const std::string directory =
+      options.stateDirectory.empty() ? daemon::defaultStateDirectory(kind) : options.stateDirectory;
+  if (directory.empty()) {
+    daemon::logLine("no state directory: give --state-dir");
+    return 1;
+  }
+  const std::unique_ptr<daemon::StateStore> store = daemon::StateStore::open(directory, &problem);
   daemon::DaemonState state = daemon::initialDaemonState();
+  if (!store || !store->load(state, &problem)) {
+    daemon::logLine(problem);
+    return 1;
+  }
   daemon::EmailVetting vetting(*host);
-  daemon::HandsetActions actions(state, *host, vetting, std::chrono::milliseconds(options.locusSettleMs));
+  daemon::HandsetActions actions(state, *store, *host, vetting, std::chrono::milliseconds(options.locusSettleMs));
+  daemon::Authorizer authorizer(*host);
   std::optional<daemon::TestingInterface> testing;
   if (options.testing) testing.emplace(*host, daemon::HandsetActions::members(), vetting);
-  daemon::HandsetService service(*host, actions, testing ? &*testing : nullptr);
+  daemon::HandsetService service(*host, actions, authorizer, testing ? &*testing : nullptr);
 
-  int r = host->exportInterface(protocol::kObjectPath, protocol::kHandsetActionsInterface,
-                                daemon::HandsetActions::members(),
-                                [&service](daemon::IncomingCall call) { service.callArrived(std::move(call)); });
+  int r = host->watchDepartures([&service](const std::string& sender) { service.callerLeft(sender); });
+  if (r < 0) {
+    daemon::logLine(std::string("cannot watch callers leave the bus: ") + std::strerror(-r));
+    return 1;
+  }
+  // Watching first: a caller that leaves from now on is seen either way.
+  endTopicsOfDepartedCallers(*host, state, service);
+  actions.republish();
+
+  r = host->exportInterface(protocol::kObjectPath, protocol::kHandsetActionsInterface,
+                            daemon::HandsetActions::members(),
+                            [&service](daemon::IncomingCall call) { service.callArrived(std::move(call)); });
   if (r >= 0 && testing) {
     r = host->exportInterface(protocol::kObjectPath, protocol::kTestingInterface, daemon::TestingInterface::members(),
                               [&testing](daemon::IncomingCall call) { testing->callArrived(std::move(call)); });
@@ -99,7 +142,12 @@ struct Options {
   app.add_option("--bus", options.bus, "the bus to serve on")
       ->check(CLI::IsMember({"system", "session"}))
       ->capture_default_str();
-  app.add_flag("--testing", options.testing, "also serve com.zentrex.VelaNotification.Testing");
+  app.add_flag("--testing", options.testing,
+               "also serve com.zentrex.VelaNotification.Testing (session bus only: it lets any caller script the "
+               "answers)");
+  app.add_option("--state-dir", options.stateDirectory,
+                 "where velad keeps its state and the service's preferences (default: $STATE_DIRECTORY, else "
+                 "/var/lib/vela on the system bus and $XDG_STATE_HOME/vela on the session bus)");
   app.add_option("--ready-fd", options.readyFd, R"(write "READY" to this descriptor once serving, then close it)")
       ->check(CLI::NonNegativeNumber);
   app.add_flag("--verbose", options.verbose, "log every request and state change to stderr");

@@ -120,6 +120,8 @@ struct HostCallbacks {
   static int methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error);
   static int dispatch(const ServiceHost::Export& exported, sd_bus_message* message, sd_bus_error* error);
   static int timerFired(sd_event_source* source, std::uint64_t usec, void* userdata);
+  static int replyArrived(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+  static int nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* error);
 };
 
 struct ServiceHost::Export {
@@ -177,6 +179,7 @@ std::unique_ptr<ServiceHost> ServiceHost::open(bus::BusKind kind, std::string* w
   // still serves introspection, and handles anything the filter passes on.
   r = sd_bus_add_filter(bus.get(), &host->filter_, &HostCallbacks::callFiltered, host.get());
   if (r < 0) return fail("cannot install the call filter", r);
+  host->kind_ = kind;
   host->bus_ = bus.release();
   // Watched from the start, not from run(): a signal that arrives while the
   // daemon is still starting must end the loop, not the process.
@@ -190,6 +193,7 @@ ServiceHost::~ServiceHost() {
   timers_.clear();
   for (sd_event_source* source : signalSources_) sd_event_source_unref(source);
   exports_.clear();
+  sd_bus_slot_unref(departures_);
   sd_bus_slot_unref(filter_);
   if (bus_ != nullptr) {
     sd_bus_detach_event(bus_);
@@ -275,6 +279,7 @@ int HostCallbacks::dispatch(const ServiceHost::Export& exported, sd_bus_message*
     const char* sender = sd_bus_message_get_sender(message);
     call.member = member != nullptr ? member : "";
     call.sender = sender != nullptr ? sender : "";
+    call.allowsInteraction = sd_bus_message_get_allow_interactive_authorization(message) > 0;
     call.args = bus::readDictionary(message, &call.argsProblem);
     if (!call.args && call.argsProblem.empty()) call.argsProblem = "the request is not a property-list dictionary";
     call.reply = ReplyToken(sd_bus_message_ref(message));
@@ -303,6 +308,80 @@ std::string ServiceHost::uniqueName() const {
 int ServiceHost::emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
                                   std::string_view destination) {
   return daemon::emitNotification(bus_, center, name, userInfo, destination);
+}
+
+int ServiceHost::callMethod(const OutgoingCall& target, const ArgumentWriter& write, ReplyReader read,
+                            std::chrono::microseconds timeout) {
+  sd_bus_message* raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, std::string(target.destination).c_str(),
+                                         std::string(target.path).c_str(), std::string(target.interface).c_str(),
+                                         std::string(target.member).c_str());
+  if (r < 0) return r;
+  const MessagePtr call(raw);
+  r = write(call.get());
+  if (r < 0) return r;
+  auto reader = std::make_unique<ReplyReader>(std::move(read));
+  sd_bus_slot* slot = nullptr;
+  r = sd_bus_call_async(bus_, &slot, call.get(), &HostCallbacks::replyArrived, reader.get(),
+                        static_cast<std::uint64_t>(std::max<std::int64_t>(timeout.count(), 1)));
+  if (r < 0) return r;
+  // Floating: the bus owns the slot, and frees the reader with it, after the
+  // reply or when the connection goes away unanswered.
+  sd_bus_slot_set_floating(slot, 1);
+  sd_bus_slot_set_destroy_callback(slot, [](void* userdata) { delete static_cast<ReplyReader*>(userdata); });
+  (void)reader.release();
+  sd_bus_slot_unref(slot);
+  return 0;
+}
+
+int HostCallbacks::replyArrived(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+  const auto& read = *static_cast<const ReplyReader*>(userdata);
+  try {
+    const sd_bus_error* failure = sd_bus_message_get_error(reply);
+    if (failure != nullptr) {
+      read(nullptr, failure->name != nullptr ? failure->name : std::string(kFailedError));
+    } else {
+      read(reply, {});
+    }
+  } catch (...) {  // NOLINT(bugprone-empty-catch): nothing may unwind into sd-bus; the reader reports its own failures
+  }
+  return 0;
+}
+
+int ServiceHost::watchDepartures(std::function<void(const std::string& uniqueName)> left) {
+  departed_ = std::move(left);
+  return sd_bus_match_signal_async(bus_, &departures_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "NameOwnerChanged", &HostCallbacks::nameOwnerChanged,
+                                   nullptr, this);
+}
+
+int HostCallbacks::nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
+  // Only the bus itself may announce a departure.
+  const char* sender = sd_bus_message_get_sender(signal);
+  if (sender == nullptr || std::string_view(sender) != "org.freedesktop.DBus") return 0;
+  const char* name = nullptr;
+  const char* oldOwner = nullptr;
+  const char* newOwner = nullptr;
+  if (sd_bus_message_read(signal, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
+  // A unique name that loses its owner is a connection gone for good.
+  if (name[0] != ':' || newOwner[0] != '\0') return 0;
+  try {
+    static_cast<ServiceHost*>(userdata)->departed_(name);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the loop must keep running
+  }
+  return 0;
+}
+
+std::optional<bool> ServiceHost::nameHasOwner(std::string_view name) {
+  sd_bus_message* raw = nullptr;
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  const int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                   "NameHasOwner", &error, &raw, "s", std::string(name).c_str());
+  sd_bus_error_free(&error);
+  const MessagePtr reply(raw);
+  int owned = 0;
+  if (r < 0 || sd_bus_message_read_basic(reply.get(), SD_BUS_TYPE_BOOLEAN, &owned) < 0) return std::nullopt;
+  return owned != 0;
 }
 
 int ServiceHost::addTimer(std::chrono::microseconds delay, std::function<void()> fire) {

@@ -85,6 +85,9 @@ struct IncomingCall {
   std::string member;
   // Unique bus name of the caller.
   std::string sender;
+  // The caller is ready to wait while its user authenticates (the message's
+  // allow-interactive-authorization flag).
+  bool allowsInteraction = false;
   // The request; nullopt when the a{sv} held a value with no property-list
   // meaning. `argsProblem` then says what was wrong.
   std::optional<VelaDictionary> args;
@@ -93,6 +96,19 @@ struct IncomingCall {
 };
 
 using CallHandler = std::function<void(IncomingCall call)>;
+
+// A method of another service that velad calls.
+struct OutgoingCall {
+  std::string_view destination;
+  std::string_view path;
+  std::string_view interface;
+  std::string_view member;
+};
+
+// Appends a call's arguments; returns 0 or a negative errno.
+using ArgumentWriter = std::function<int(sd_bus_message* call)>;
+// Gets the reply, or nullptr and the D-Bus error (a time-out included).
+using ReplyReader = std::function<void(sd_bus_message* reply, const std::string& errorName)>;
 
 class ServiceHost {
  public:
@@ -104,6 +120,8 @@ class ServiceHost {
   // before starting other threads, which inherit the mask. nullptr on
   // failure, with the reason in `whyNot`.
   static std::unique_ptr<ServiceHost> open(bus::BusKind kind, std::string* whyNot = nullptr);
+
+  bus::BusKind kind() const noexcept { return kind_; }
 
   ~ServiceHost();
   ServiceHost(const ServiceHost&) = delete;
@@ -133,6 +151,20 @@ class ServiceHost {
   [[nodiscard]] int emitNotification(std::string_view center, std::string_view name, const VelaDictionary& userInfo,
                                      std::string_view destination = {});
 
+  // Calls `target` without waiting: `read` runs on the loop with the reply,
+  // once, or never when the host goes away first. Returns 0 or a negative
+  // errno (then `read` never runs).
+  [[nodiscard]] int callMethod(const OutgoingCall& target, const ArgumentWriter& write, ReplyReader read,
+                               std::chrono::microseconds timeout);
+
+  // Runs `left` on the loop with the unique name of every connection that
+  // leaves the bus from now on. Returns 0 or a negative errno.
+  [[nodiscard]] int watchDepartures(std::function<void(const std::string& uniqueName)> left);
+
+  // Whether a connection holds `name` now. Blocks until the bus answers: for
+  // start-up only. nullopt when the bus cannot tell.
+  std::optional<bool> nameHasOwner(std::string_view name);
+
   // Runs `fire` once, `delay` from now, on the loop. Timers that have not
   // fired when the host goes away are dropped unrun. Returns 0 or a negative
   // errno.
@@ -157,8 +189,11 @@ class ServiceHost {
 
   int watchTerminationSignals();
 
+  bus::BusKind kind_ = bus::BusKind::kSystem;
   sd_bus* bus_ = nullptr;
   sd_bus_slot* filter_ = nullptr;
+  sd_bus_slot* departures_ = nullptr;
+  std::function<void(const std::string&)> departed_;
   sd_event* event_ = nullptr;
   std::vector<std::unique_ptr<Export>> exports_;
   std::unordered_map<Timer*, std::unique_ptr<Timer>> timers_;

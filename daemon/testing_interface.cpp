@@ -192,12 +192,14 @@ std::optional<std::string> TestingInterface::setVetScript(const VelaDictionary& 
   return std::nullopt;
 }
 
-Behavior TestingInterface::behaviorForCall(const std::string& member, const VelaDictionary& args,
-                                           const std::string& sender) {
+void TestingInterface::logCall(const std::string& member, const VelaDictionary& args, const std::string& sender) {
   callLog_.emplace_back(VelaDictionary{{"member", member}, {"args", args}, {"sender", sender}});
   const int r = host_.emitNotification(protocol::kTestingInterface, kCallLoggedNotification,
                                        {{"member", member}, {"sender", sender}});
   if (r < 0) logLine(std::string("cannot announce a logged call: ") + std::strerror(-r));
+}
+
+Behavior TestingInterface::behaviorForCall(const std::string& member) {
   const auto found = behaviors_.find(member);
   if (found == behaviors_.end()) return {};
   Behavior behavior = found->second.behavior;

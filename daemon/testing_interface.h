@@ -73,9 +73,12 @@ class TestingInterface {
   // Handles one call on the Testing interface.
   void callArrived(IncomingCall call);
 
-  // Logs one HandsetActions call and returns the behaviour it gets, using up
-  // one of that behaviour's times.
-  Behavior behaviorForCall(const std::string& member, const VelaDictionary& args, const std::string& sender);
+  // Logs one HandsetActions call as it arrives, before anyone decides
+  // whether it may be carried out.
+  void logCall(const std::string& member, const VelaDictionary& args, const std::string& sender);
+
+  // The behaviour a call to `member` gets, using up one of its times.
+  Behavior behaviorForCall(const std::string& member);
 
  private:
   struct StoredBehavior {

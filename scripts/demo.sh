@@ -97,7 +97,7 @@ export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/bus"
 export VELA_PREFERENCES_PATH="$work/preferences.sqlite3"
 
 mkfifo "$work/velad.ready"
-"$velad" --bus=system --ready-fd=3 3>"$work/velad.ready" >"$work/velad.log" 2>&1 &
+"$velad" --bus=system --state-dir="$work/state" --ready-fd=3 3>"$work/velad.ready" >"$work/velad.log" 2>&1 &
 velad_pid=$!
 if ! ready=$(wait_ready "$work/velad.ready") || [[ $ready != *READY* ]]; then
   echo "demo: velad did not become ready:" >&2

@@ -23,7 +23,9 @@
 //                               or the reply failed. The daemon may or may not
 //                               have acted: read the state again before
 //                               retrying a switch.
-//   - any other domain the daemon chooses, with its own codes.
+//   - kVelaDaemonErrorDomain ("com.zentrex.VelaNotification.daemon"): the
+//     daemon understood the request and declined it; the codes are
+//     VelaDaemonErrorCode below. Other daemons may choose other domains.
 //   - a D-Bus error name (for example "org.freedesktop.DBus.Error.ServiceUnknown"),
 //     with a positive errno-style code: a transport failure handed to
 //     asynchronous completions. Retrying the call later may succeed.
@@ -51,6 +53,40 @@ class VELA_EXPORT VelaError {
 inline constexpr std::string_view kVelaErrorDomain = "com.zentrex.VelaNotification";
 // User-info key of an error's failure reason (its human-readable message).
 inline constexpr std::string_view kVelaErrorFailureReasonKey = "failureReason";
+
+// The domain of the errors velad answers with, inside its replies.
+inline constexpr std::string_view kVelaDaemonErrorDomain = "com.zentrex.VelaNotification.daemon";
+
+// velad's codes in kVelaDaemonErrorDomain, and what a caller should do about
+// each. The failure reason says which value or action was concerned.
+enum VelaDaemonErrorCode : std::int32_t {
+  // A value the request needs was nil. Fix the request; sent as it is, it
+  // fails again.
+  VelaDaemonErrorCodeMissingValue = 1,
+  // No friends account has that user name. Nothing was removed; read the
+  // account again before retrying.
+  VelaDaemonErrorCodeUnknownKithAccount = 2,
+  // The locating state is still switching. Retry once it has settled (the
+  // change is announced on the daemon's notification center).
+  VelaDaemonErrorCodeLocusSwitchInProgress = 3,
+  // The vetted address cannot receive mail. Reported in a vetting's finish.
+  VelaDaemonErrorCodeUndeliverableAddress = 4,
+  // The caller's user may not do this: the machine's polkit policy refused
+  // the action the failure reason names (or polkit could not be asked, in
+  // which case the daemon refuses everything it guards). Nothing changed.
+  // Retrying does not help; an administrator may grant the action with a
+  // polkit rule, or the request can be made as root.
+  VelaDaemonErrorCodeNotAuthorized = 5,
+  // The action the failure reason names is allowed once the user proves who
+  // they are (a password), which the library never asks for: it would break
+  // the 5-second bound. Nothing changed. Repeat the request from a program
+  // that authenticates the user, for example `pkexec velactl ...` at a
+  // terminal.
+  VelaDaemonErrorCodeInteractiveAuthorizationRequired = 6,
+  // The daemon could not record the change durably (its disk is full or
+  // failing), so it did not make it. Nothing changed; retry later.
+  VelaDaemonErrorCodeNotSaved = 7,
+};
 
 // Codes the library itself makes in kVelaErrorDomain.
 enum VelaErrorCode : std::int32_t {

@@ -215,6 +215,8 @@ PrivateBus::PrivateBus() {
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
   ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
   ::setenv("VELA_PREFERENCES_PATH", (directory_ + "/preferences.sqlite3").c_str(), 1);
+  // velad keeps its state there, and it survives velad's restarts.
+  ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
   try {
     start();
   } catch (...) {
@@ -296,7 +298,9 @@ std::string VeladProcess::path() {
 }
 
 void VeladProcess::start() {
-  std::vector<std::string> argv{path(), "--bus=system", "--testing",
+  // The session bus: velad serves its testing interface nowhere else. The
+  // private bus is both.
+  std::vector<std::string> argv{path(), "--bus=session", "--testing",
                                 "--ready-fd=" + std::to_string(Subprocess::kNotifyFd)};
   argv.insert(argv.end(), extraArgs_.begin(), extraArgs_.end());
   process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false});

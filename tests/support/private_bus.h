@@ -127,7 +127,8 @@ class Subprocess {
 // A private dbus-daemon, configured by tests/support/bus.conf and listening at
 // unix:path=<a fresh temporary directory>/bus. The constructor points
 // DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS at it, and
-// VELA_PREFERENCES_PATH at <directory>/preferences.sqlite3, with setenv:
+// VELA_PREFERENCES_PATH at <directory>/preferences.sqlite3 and STATE_DIRECTORY
+// at <directory>/state, with setenv:
 // construct it before the library starts any thread, and set
 // VELA_PREFERENCES_PATH again afterwards to use another store. The variables
 // stay set after the bus is gone, so that a stray connection fails instead of
@@ -170,7 +171,9 @@ class PrivateBus {
 };
 
 // velad in its testing mode on the private bus:
-//   velad --bus=system --testing --ready-fd=3 [extraArgs...]
+//   velad --bus=session --testing --ready-fd=3 [extraArgs...]
+// with its state in $STATE_DIRECTORY, which PrivateBus points into its
+// directory: a restarted velad finds the state its predecessor saved.
 // The constructor and restart() return once velad has written READY to that
 // descriptor. The binary is $VELAD_PATH if set, else the one this build made.
 // The destructor terminates and reaps it.
