@@ -207,11 +207,14 @@ bool StateStore::load(DaemonState& state, std::string* whyNot) {
       logLine("saved state: cannot decode \"" + std::string(key) + "\"; starting without it");
     }
   }
-  while (r == SQLITE_DONE && (r = sqlite3_step(regions.get())) == SQLITE_ROW) {
-    state.kithRegionsInside.emplace(columnText(regions.get(), 0));
+  if (r == SQLITE_DONE) {
+    while ((r = sqlite3_step(regions.get())) == SQLITE_ROW)
+      state.kithRegionsInside.emplace(columnText(regions.get(), 0));
   }
-  while (r == SQLITE_DONE && (r = sqlite3_step(topics.get())) == SQLITE_ROW) {
-    state.topics[std::string(columnText(topics.get(), 0))].emplace(columnText(topics.get(), 1));
+  if (r == SQLITE_DONE) {
+    while ((r = sqlite3_step(topics.get())) == SQLITE_ROW) {
+      state.topics[std::string(columnText(topics.get(), 0))].emplace(columnText(topics.get(), 1));
+    }
   }
   if (r != SQLITE_DONE) {
     *whyNot = std::string("cannot read the saved state: ") + sqlite3_errmsg(db_);

@@ -265,7 +265,8 @@ void PrivateBus::start() {
   }
 }
 
-VeladProcess::VeladProcess(std::vector<std::string> extraArgs) : extraArgs_(std::move(extraArgs)) {
+VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode)
+    : extraArgs_(std::move(extraArgs)), mode_(mode) {
   if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
     throw std::logic_error("VeladProcess needs a PrivateBus first: velad would join the machine's bus");
   }
@@ -298,10 +299,15 @@ std::string VeladProcess::path() {
 }
 
 void VeladProcess::start() {
-  // The session bus: velad serves its testing interface nowhere else. The
-  // private bus is both.
-  std::vector<std::string> argv{path(), "--bus=session", "--testing",
-                                "--ready-fd=" + std::to_string(Subprocess::kNotifyFd)};
+  // The session bus for testing: velad serves its testing interface nowhere
+  // else.
+  std::vector<std::string> argv{path()};
+  if (mode_ == VeladMode::kTesting) {
+    argv.insert(argv.end(), {"--bus=session", "--testing"});
+  } else {
+    argv.emplace_back("--bus=system");
+  }
+  argv.push_back("--ready-fd=" + std::to_string(Subprocess::kNotifyFd));
   argv.insert(argv.end(), extraArgs_.begin(), extraArgs_.end());
   process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false});
 

@@ -170,8 +170,15 @@ class PrivateBus {
   std::optional<Subprocess> daemon_;
 };
 
-// velad in its testing mode on the private bus:
-//   velad --bus=session --testing --ready-fd=3 [extraArgs...]
+// How velad runs: in its testing mode, or as the system service it is on a
+// real machine (every caller authorized, no testing interface).
+enum class VeladMode {
+  kTesting,  // velad --bus=session --testing
+  kService,  // velad --bus=system
+};
+
+// velad on the private bus (which is both buses):
+//   velad <mode's arguments> --ready-fd=3 [extraArgs...]
 // with its state in $STATE_DIRECTORY, which PrivateBus points into its
 // directory: a restarted velad finds the state its predecessor saved.
 // The constructor and restart() return once velad has written READY to that
@@ -182,7 +189,7 @@ class VeladProcess {
   // Throws std::logic_error when no PrivateBus has set the bus address (velad
   // would join the machine's bus), std::runtime_error when velad exits or
   // stays silent instead of becoming ready.
-  explicit VeladProcess(std::vector<std::string> extraArgs = {});
+  explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting);
 
   pid_t pid() const noexcept { return process_ ? process_->pid() : -1; }
 
@@ -205,6 +212,7 @@ class VeladProcess {
   void start();
 
   std::vector<std::string> extraArgs_;
+  VeladMode mode_;
   std::optional<Subprocess> process_;
 };
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include <systemd/sd-bus.h>
 
@@ -99,6 +100,35 @@ std::string TestBusClient::nameOwner(std::string_view name) {
   const char* owner = nullptr;
   if (sd_bus_message_read(reply.get(), "s", &owner) < 0) return {};
   return orEmpty(owner);
+}
+
+bool TestBusClient::waitUntilGone(std::string_view uniqueName, std::chrono::milliseconds timeout) {
+  const std::string rule =
+      "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" + std::string(uniqueName) + "'";
+  bool gone = false;
+  sd_bus_slot* raw = nullptr;
+  // Watched before asking, so a departure in between is not missed.
+  if (sd_bus_add_match(
+          bus_, &raw, rule.c_str(),
+          [](sd_bus_message* /*signal*/, void* userdata, sd_bus_error* /*error*/) {
+            *static_cast<bool*>(userdata) = true;
+            return 0;
+          },
+          &gone) < 0) {
+    return false;
+  }
+  const std::unique_ptr<sd_bus_slot, sd_bus_slot* (*)(sd_bus_slot*)> slot(raw, sd_bus_slot_unref);
+  if (nameOwner(uniqueName).empty()) return true;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!gone) {
+    const int r = sd_bus_process(bus_, nullptr);
+    if (r < 0) return false;
+    if (r > 0) continue;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count())) < 0) return false;
+  }
+  return true;
 }
 
 CallResult TestBusClient::finishCall(sd_bus_message* request, std::chrono::milliseconds timeout) {

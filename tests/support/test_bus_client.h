@@ -85,6 +85,11 @@ class TestBusClient {
   // The unique name owning `name`, "" when it has no owner. Blocks.
   std::string nameOwner(std::string_view name);
 
+  // Waits until `uniqueName` has left the bus, as the bus announces it.
+  // Every connection that watches departures has been told before this
+  // returns true. False when `timeout` passes first.
+  bool waitUntilGone(std::string_view uniqueName, std::chrono::milliseconds timeout = kDefaultTimeout);
+
   // Calls `member` with `args` as its one a{sv} argument and waits for the
   // answer. Blocks: up to `timeout`.
   CallResult call(const MethodTarget& target, std::string_view member, const VelaDictionary& args,

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: MIT
+// What velad acknowledged survives it: a restart, or a SIGKILL at any moment.
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <vela/VelaKithAccountInfo.h>
+#include <vela/VelaLostModeInfo.h>
+
+#include "protocol/locus_state.h"
+#include "records/archive_io.h"
+#include "velad_fixture.h"
+
+namespace vela::testing {
+namespace {
+
+std::string stateFile() { return std::string(std::getenv("STATE_DIRECTORY")) + "/state.sqlite3"; }
+
+// Runs `sql` on velad's state file, outside velad; the rows as "a|b" lines.
+std::multiset<std::string> query(const std::string& sql) {
+  std::multiset<std::string> rows;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(stateFile().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_exec(
+        db, sql.c_str(),
+        [](void* out, int columns, char** values, char** /*names*/) {
+          std::string row;
+          for (int i = 0; i < columns; ++i) row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+          static_cast<std::multiset<std::string>*>(out)->insert(row);
+          return 0;
+        },
+        &rows, nullptr);
+  }
+  sqlite3_close(db);
+  return rows;
+}
+
+class AVeladThatRestarts : public AVelad {
+ protected:
+  // Kills velad without warning and starts it again.
+  void killAndRestart() {
+    velad_->kill(SIGKILL);
+    ASSERT_TRUE(velad_->waitForExit());
+    velad_->restart();
+    reconnect();
+  }
+
+  void reconnect() {
+    client_.reset();
+    std::string whyNot;
+    client_ = bus::TestBusClient::open(bus::BusKind::kSystem, &whyNot);
+    ASSERT_NE(client_, nullptr) << whyNot;
+  }
+};
+
+TEST_F(AVeladThatRestarts, KeepsEveryAcknowledgedChangeThroughASigkill) {
+  const VelaDictionary kithId = reply("GetKithDeviceId");
+  const VelaDictionary locusId = reply("GetLocusDeviceId");
+  VelaKithAccountInfo account;
+  account.setUsername("friend@example.com");
+  account.setAppAuthToken("app-secret");
+  account.setInternalAuthToken("internal-secret");
+  VelaLostModeInfo lost;
+  lost.setMessage("Please call me");
+  lost.setPhoneNumber("+1 555 0100");
+  reply("AddKithAccount", {{"account", records::archiveRecord(account)}});
+  reply("EnableLostModeWithInfo", {{"info", records::archiveRecord(lost)}});
+  reply("EnableLocusInContext", {{"context", 7}});
+  reply("DidEnterKithRegion", {{"regionIdentifier", "home"}});
+
+  // Killed while the locating switch is still settling: the restart finishes it.
+  killAndRestart();
+
+  EXPECT_EQ(reply("GetKithDeviceId"), kithId);
+  EXPECT_EQ(reply("GetLocusDeviceId"), locusId);
+  EXPECT_EQ(reply("GetLocusState").at("state"), VelaValue(std::int64_t{protocol::kLocusStateOn}));
+  const VelaDictionary kept = reply("RetrieveKithAccount");
+  ASSERT_TRUE(kept.contains("account"));
+  const auto restored = records::unarchiveRecord<VelaKithAccountInfo>(kept.at("account"));
+  ASSERT_NE(restored, nullptr);
+  EXPECT_EQ(restored->username(), "friend@example.com");
+  EXPECT_EQ(restored->appAuthToken(), "app-secret");
+  EXPECT_EQ(restored->internalAuthToken(), "internal-secret");
+  EXPECT_EQ(query("SELECT name FROM regions"), std::multiset<std::string>{"home"});
+
+  // Undoing is as durable as doing.
+  reply("RemoveKithAccountWithUsername", {{"username", "friend@example.com"}});
+  reply("DisableLostMode");
+  reply("DidExitKithRegion", {{"regionIdentifier", "home"}});
+  killAndRestart();
+  EXPECT_FALSE(reply("RetrieveKithAccount").contains("account"));
+  EXPECT_TRUE(query("SELECT name FROM regions").empty());
+  EXPECT_TRUE(query("SELECT key FROM state WHERE key = 'lostMode'").empty());
+}
+
+TEST_F(AVeladThatRestarts, KeepsItsStateWhereOnlyItsUserCanReadIt) {
+  struct stat info {};
+  ASSERT_EQ(::stat(stateFile().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0600U);
+}
+
+TEST_F(AVeladThatRestarts, RefusesToStartOnAStateFileOfAnotherFormat) {
+  velad_.reset();
+  ASSERT_TRUE(query("PRAGMA user_version = 99").empty());
+  EXPECT_THROW(velad_.emplace(), std::runtime_error);
+  // Left exactly as it was, for the build that wrote it.
+  EXPECT_EQ(query("PRAGMA user_version"), std::multiset<std::string>{"99"});
+}
+
+// Topics are each caller's own: another caller cannot stop them, and they
+// end when their caller leaves the bus.
+TEST_F(AVeladThatRestarts, EndsACallersTopicsOnlyWhenItLeaves) {
+  std::string whyNot;
+  auto other = bus::TestBusClient::open(bus::BusKind::kSystem, &whyNot);
+  ASSERT_NE(other, nullptr) << whyNot;
+  const std::string owner = client_->uniqueName();
+  reply("StartListeningOnTopic", {{"topic", "news"}});
+  EXPECT_FALSE(other->call(kHandsetActions, "StopListeningOnTopic", {{"topic", "news"}}).failed());
+  EXPECT_EQ(query("SELECT owner, topic FROM topics"), std::multiset<std::string>{owner + "|news"});
+
+  client_.reset();
+  ASSERT_TRUE(other->waitUntilGone(owner));
+  // velad heard of the departure before this call: the bus told it first.
+  EXPECT_FALSE(other->call(kHandsetActions, "GetLocusState", {}).failed());
+  EXPECT_TRUE(query("SELECT owner FROM topics").empty());
+}
+
+TEST_F(AVeladThatRestarts, ForgetsTopicsOfCallersThatLeftWhileItWasAway) {
+  reply("StartListeningOnTopic", {{"topic", "news"}});
+  const std::string owner = client_->uniqueName();
+  velad_->kill(SIGKILL);
+  ASSERT_TRUE(velad_->waitForExit());
+  reconnect();  // the old connection leaves while velad is down
+  const std::string stays = client_->uniqueName();
+  query("INSERT INTO topics (owner, topic) VALUES ('" + stays + "', 'sports')");
+  velad_->restart();
+  EXPECT_EQ(query("SELECT owner, topic FROM topics"), std::multiset<std::string>{stays + "|sports"});
+}
+
+TEST(Velad, ServesItsTestingInterfaceOnTheSessionBusOnly) {
+  const PrivateBus bus;
+  EXPECT_EQ(Subprocess::run({VeladProcess::path(), "--bus=system", "--testing"}), (ExitStatus{.code = 2, .signal = 0}));
+}
+
+}  // namespace
+}  // namespace vela::testing
