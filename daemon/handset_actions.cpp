@@ -10,11 +10,11 @@
 
 #include "daemon_errors.h"
 #include "log.h"
-#include "lost_mode_preferences.h"
 #include "protocol/daemon_error.h"
 #include "protocol/locus_state.h"
 #include "protocol/members.h"
 #include "protocol/names.h"
+#include "service_preferences.h"
 
 namespace vela::daemon {
 
@@ -40,6 +40,12 @@ Answer missing(std::string_view key) {
 }
 
 Answer refused(const RequestArguments& args) { return Answer{{}, std::nullopt, args.problem()}; }
+
+// Where lost mode is published for every user, in velad's state directory.
+ServicePreferences& servicePreferences() {
+  static ServicePreferences preferences(ServicePreferences::pathInStateDirectory());
+  return preferences;
+}
 
 VelaDictionary accountValues(const std::optional<AccountIdentity>& account) {
   if (!account) return {};
@@ -110,7 +116,8 @@ Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const std:
   if (args.problem()) return refused(args);
   if (!info) return missing(key::kInfo);
   state_.lostMode = std::move(info);
-  publishLostModeToPreferences(state_.lostMode.get());
+  // A failed write is logged; the switch itself stands.
+  (void)servicePreferences().publishLostMode(state_.lostMode.get());
   return {};
 }
 
@@ -118,7 +125,7 @@ Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const std::st
   state_.lostMode.reset();
   // Also when velad holds no lost mode: the entry may be left from an earlier
   // run, and clients go by the entry.
-  publishLostModeToPreferences(nullptr);
+  (void)servicePreferences().publishLostMode(nullptr);
   return {};
 }
 
