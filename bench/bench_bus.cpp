@@ -28,6 +28,7 @@ BenchBus::BenchBus() {
   ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
   ::setenv("VELA_PREFERENCES_PATH", (directory_ + "/preferences.sqlite3").c_str(), 1);
   ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
+  ::setenv("VELA_SERVICE_PREFERENCES_PATH", (directory_ + "/state/preferences.sqlite3").c_str(), 1);
 }
 
 BenchBus::~BenchBus() {

@@ -16,9 +16,11 @@ inline constexpr const char* kBusAddressVariable = "VELA_BENCH_BUS_ADDRESS";
 // VELA_BENCH_BUS_ADDRESS when that is set (any D-Bus broker: dbus-daemon,
 // dbus-broker), else a private dbus-daemon started here. Either way the
 // constructor points DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS
-// at it, and VELA_PREFERENCES_PATH into a fresh temporary directory:
-// construct it before the library starts any thread. A bus given from
-// outside must let velad own its name and every client call it.
+// at it, and VELA_PREFERENCES_PATH, velad's STATE_DIRECTORY and
+// VELA_SERVICE_PREFERENCES_PATH (the service's store in that state directory)
+// into a fresh temporary directory: construct it before the library starts any
+// thread. A bus given from outside must let velad own its name and every
+// client call it.
 class BenchBus {
  public:
   // Throws std::runtime_error when the private bus does not start or the
@@ -37,7 +39,7 @@ class BenchBus {
  private:
   std::optional<vela::testing::PrivateBus> private_;
   std::string address_;
-  std::string directory_;  // only when the bus is given: the preference store's
+  std::string directory_;  // only when the bus is given: the preference stores'
 };
 
 // What every benchmark's clients meet: the bus, and velad --testing on it.

@@ -10,11 +10,11 @@
 
 #include "daemon_errors.h"
 #include "log.h"
-#include "lost_mode_preferences.h"
 #include "protocol/daemon_error.h"
 #include "protocol/locus_state.h"
 #include "protocol/members.h"
 #include "protocol/names.h"
+#include "service_preferences.h"
 
 namespace vela::daemon {
 
@@ -118,7 +118,8 @@ Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const Call
   if (!info) return missing(key::kInfo);
   if (!store_.saveLostMode(info.get())) return notSaved(store_);
   state_.lostMode = std::move(info);
-  publishLostModeToPreferences(state_.lostMode.get());
+  // A failed write is logged; the switch itself stands.
+  (void)published_.publishLostMode(state_.lostMode.get());
   return {};
 }
 
@@ -127,14 +128,16 @@ Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const Caller&
   state_.lostMode.reset();
   // Also when velad holds no lost mode: the entry may be left from an earlier
   // run, and clients go by the entry.
-  publishLostModeToPreferences(nullptr);
+  (void)published_.publishLostMode(nullptr);
   return {};
 }
 
 void HandsetActions::republish() {
   // The entry may be left from a run that stopped before writing it, or
   // written by hand; velad's own state decides.
-  publishLostModeToPreferences(state_.lostMode.get());
+  (void)published_.publishLostMode(state_.lostMode.get());
+  if (state_.locusState != kLocusStateSwitching)
+    (void)published_.publishWardenEnabled(state_.locusState == kLocusStateOn);
 }
 
 // --- Locating state and identity -------------------------------------------
@@ -202,6 +205,8 @@ Answer HandsetActions::switchLocus(std::int32_t settled, std::int32_t context) {
 
 void HandsetActions::setLocusState(std::int32_t state) {
   state_.locusState = state;
+  // Failures are logged; clients see the previous value until the next switch or start.
+  if (state != kLocusStateSwitching) (void)published_.publishWardenEnabled(state == kLocusStateOn);
   logVerbose("locus state " + std::to_string(state));
   const int r = host_.emitNotification(kDaemonNotificationCenter, kLocusStateDidChangeNotification,
                                        {{std::string(key::kState), state}});

@@ -16,6 +16,7 @@
 #include "email_vetting.h"
 #include "protocol/typed_reader.h"
 #include "service_host.h"
+#include "service_preferences.h"
 #include "state_store.h"
 
 namespace vela::daemon {
@@ -52,9 +53,16 @@ class HandsetActions {
 
   // `host` provides timers and notifications; every change is saved in
   // `store` before it is acknowledged. All must outlive this object.
-  HandsetActions(DaemonState& state, StateStore& store, ServiceHost& host, EmailVetting& vetting,
-                 std::chrono::milliseconds settleDelay = kLocusSettleDelay)
-      : state_(state), store_(store), host_(host), vetting_(vetting), settleDelay_(settleDelay) {}
+  // `published` is where every user reads lost mode and whether locating is
+  // on.
+  HandsetActions(DaemonState& state, StateStore& store, ServicePreferences& published, ServiceHost& host,
+                 EmailVetting& vetting, std::chrono::milliseconds settleDelay = kLocusSettleDelay)
+      : state_(state),
+        store_(store),
+        published_(published),
+        host_(host),
+        vetting_(vetting),
+        settleDelay_(settleDelay) {}
 
   // Every member this implementation answers.
   static std::vector<std::string> members();
@@ -100,6 +108,7 @@ class HandsetActions {
 
   DaemonState& state_;
   StateStore& store_;
+  ServicePreferences& published_;
   ServiceHost& host_;
   EmailVetting& vetting_;
   std::chrono::milliseconds settleDelay_;

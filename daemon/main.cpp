@@ -89,7 +89,9 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     return 1;
   }
   daemon::EmailVetting vetting(*host);
-  daemon::HandsetActions actions(state, *store, *host, vetting, std::chrono::milliseconds(options.locusSettleMs));
+  daemon::ServicePreferences published(daemon::ServicePreferences::pathIn(directory));
+  daemon::HandsetActions actions(state, *store, published, *host, vetting,
+                                 std::chrono::milliseconds(options.locusSettleMs));
   daemon::Authorizer authorizer(*host);
   std::optional<daemon::TestingInterface> testing;
   if (options.testing) testing.emplace(*host, daemon::HandsetActions::members(), vetting);

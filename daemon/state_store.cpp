@@ -79,7 +79,9 @@ void syncDirectory(const std::string& directory) {
   do {
     slash = directory.find('/', slash + 1);
     const std::string part = directory.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) == 0) {
+    // Readable by all: the service's public preferences live there too. The
+    // state file itself is velad's alone.
+    if (mkdir(part.c_str(), 0755) == 0) {
       syncDirectory(part.substr(0, part.find_last_of('/') + 1));
     } else if (errno != EEXIST) {
       *whyNot = "cannot create the state directory " + part + ": " + std::strerror(errno);

@@ -28,7 +28,7 @@ class StateStore {
   // The file inside the state directory.
   static constexpr std::string_view kFileName = "state.sqlite3";
 
-  // Opens <directory>/state.sqlite3, creating the directory (0700) and the
+  // Opens <directory>/state.sqlite3, creating the directory (0755) and the
   // file (0600) when they are missing. nullptr with the reason in `whyNot`
   // when the file cannot be opened or was written by a build of another
   // format.

@@ -26,9 +26,10 @@ cxxflags=(-std=c++20 -Wall -Wextra -Wpedantic -Werror)
 
 step() { printf '== check-install: %s\n' "$*"; }
 
-# The consumers write a preference: into the temporary directory, never the
-# user's own store.
+# The consumers use preferences: in the temporary directory, never the user's
+# own store or the system's.
 export VELA_PREFERENCES_PATH=$work/preferences.sqlite3
+export VELA_SERVICE_PREFERENCES_PATH=$work/state/preferences.sqlite3
 
 step "install $build into a temporary prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"

@@ -3,7 +3,7 @@
 # The project's demo command. Installs what is missing, builds velad and
 # velactl (release preset), starts a private message bus and velad on it, and
 # runs each velactl command below twice: once with --json, once for people.
-# The machine's own buses and preference store are never touched, and every
+# The machine's own buses and preference stores are never touched, and every
 # process and file the demo made is gone when it exits.
 
 # ---- The demo's velactl commands, in order. One entry per command line;
@@ -95,6 +95,10 @@ fi
 export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/bus"
 export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/bus"
 export VELA_PREFERENCES_PATH="$work/preferences.sqlite3"
+# velad keeps the service's preferences (lost mode among them) in its state
+# directory; velactl reads them there.
+export STATE_DIRECTORY="$work/state"
+export VELA_SERVICE_PREFERENCES_PATH="$STATE_DIRECTORY/preferences.sqlite3"
 
 mkfifo "$work/velad.ready"
 "$velad" --bus=system --state-dir="$work/state" --ready-fd=3 3>"$work/velad.ready" >"$work/velad.log" 2>&1 &

@@ -12,11 +12,15 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <vela/VelaConstants.h>
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
+#include <vela/VelaPreferencesUtil.h>
 
 #include "protocol/locus_state.h"
+#include "protocol/lost_mode_entries.h"
 #include "records/archive_io.h"
+#include "service_preferences.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -76,8 +80,21 @@ TEST_F(AVeladThatRestarts, KeepsEveryAcknowledgedChangeThroughASigkill) {
   reply("EnableLocusInContext", {{"context", 7}});
   reply("DidEnterKithRegion", {{"regionIdentifier", "home"}});
 
-  // Killed while the locating switch is still settling: the restart finishes it.
-  killAndRestart();
+  // Killed while the locating switch is still settling: the restart finishes
+  // it. What every user reads is put right from velad's own state, whatever
+  // happened to it meanwhile.
+  velad_->kill(SIGKILL);
+  ASSERT_TRUE(velad_->waitForExit());
+  daemon::ServicePreferences elsewhere(daemon::ServicePreferences::pathIn(std::getenv("STATE_DIRECTORY")));
+  ASSERT_TRUE(elsewhere.publishLostMode(nullptr));
+  ASSERT_TRUE(elsewhere.publishWardenEnabled(false));
+  velad_->restart();
+  reconnect();
+  EXPECT_TRUE(VelaPreferencesUtil::boolForKey(kWardenEnabledPrefKey, kWardenEnabledPrefDomain));
+  const auto entry = VelaPreferencesUtil::dictionaryForKey(protocol::lost_mode::kLocusEntry,
+                                                           kVelaNotification_Public_NotBackedUp_Pref_Domain);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->at(std::string(protocol::lost_mode::kMessageKey)), VelaValue("Please call me"));
 
   EXPECT_EQ(reply("GetKithDeviceId"), kithId);
   EXPECT_EQ(reply("GetLocusDeviceId"), locusId);
@@ -99,6 +116,8 @@ TEST_F(AVeladThatRestarts, KeepsEveryAcknowledgedChangeThroughASigkill) {
   EXPECT_FALSE(reply("RetrieveKithAccount").contains("account"));
   EXPECT_TRUE(query("SELECT name FROM regions").empty());
   EXPECT_TRUE(query("SELECT key FROM state WHERE key = 'lostMode'").empty());
+  EXPECT_FALSE(VelaPreferencesUtil::dictionaryForKey(protocol::lost_mode::kLocusEntry,
+                                                     kVelaNotification_Public_NotBackedUp_Pref_Domain));
 }
 
 TEST_F(AVeladThatRestarts, KeepsItsStateWhereOnlyItsUserCanReadIt) {

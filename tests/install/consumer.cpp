@@ -37,6 +37,11 @@ int main() {
   VelaPreferencesUtil::setBool(true, "installed", kDomain);
   if (!mapped("libvelanotification-store")) return fail("the store's module is not loaded after a write");
   if (!VelaPreferencesUtil::boolForKey("installed", kDomain)) return fail("a preference written is not read back");
+  // The service's domains are the daemon's to write.
+  VelaPreferencesUtil::setBool(true, "installed", kVelaNotification_Pref_Domain);
+  if (VelaPreferencesUtil::boolForKey("installed", kVelaNotification_Pref_Domain)) {
+    return fail("a client's write to a service domain was kept");
+  }
   std::printf("preference store loaded on first use\n");
   return 0;
 }

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Lost mode: read from the preference store, switched through velad.
+// Lost mode: read from the service's preference store, switched through velad.
+#include <filesystem>
+
 #include <vela/VelaPreferencesUtil.h>
 
+#include "platform/prefs/sqlite_store.h"
 #include "session_fixture.h"
 #ifdef VELACTL_PATH
 #include <nlohmann/json.hpp>
@@ -29,8 +32,11 @@ VelaDictionary entry(VelaValue flag, std::optional<VelaValue> message = std::nul
   return entry;
 }
 
-void store(std::string_view key, std::string_view domain, const VelaValue& value) {
-  VelaPreferencesUtil::setObject(value, key, domain);
+// Writes the service's store as velad does: clients only read it, so the
+// test stands in for the daemon to plant entries.
+void store(std::string_view key, std::string_view domain, const std::optional<VelaValue>& value) {
+  const auto daemon = prefs::SqliteStore::serviceWriter(prefs::SqliteStore::serviceDatabasePath());
+  ASSERT_TRUE(daemon->setValue(domain, key, value)) << daemon->lastFailure();
 }
 
 class LostMode : public ASessionWithVelad {
@@ -76,7 +82,7 @@ TEST_F(LostMode, FallsBackToThePostWipeEntry) {
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(info->message(), "wiped");
   // The same key in the other domain is not an entry.
-  VelaPreferencesUtil::removeKey(kWipeEntry, wipeDomain());
+  store(kWipeEntry, wipeDomain(), std::nullopt);
   store(kWipeEntry, publicDomain(), entry(true, "wrong domain", "999"));
   EXPECT_FALSE(session_->lostModeIsActive());
 }
@@ -132,6 +138,9 @@ TEST_F(LostMode, ShowsWhatVeladWroteOnEnableAndClearsItOnDisable) {
   EXPECT_EQ(session_->enableLostModeWithInfo(record("Call me", "555-0100")), std::nullopt);
   EXPECT_EQ(lastResult(), 0);
   EXPECT_EQ(VelaPreferencesUtil::dictionaryForKey(kLocusEntry, publicDomain()), entry(true, "Call me", "555-0100"));
+  // Only velad writes the domain: a client cannot clear or replace the entry.
+  VelaPreferencesUtil::removeKey(kLocusEntry, publicDomain());
+  VelaPreferencesUtil::setObject(entry(false), kLocusEntry, publicDomain());
   const auto info = session_->lostModeInfo();
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(info->message(), "Call me");
@@ -150,7 +159,9 @@ TEST_F(LostMode, ShowsWhatVeladWroteOnEnableAndClearsItOnDisable) {
 
 TEST_F(LostMode, KeepsVeladServingWhenItCannotWriteTheStore) {
   // A directory is no database: every write velad tries fails.
-  ::setenv("VELA_PREFERENCES_PATH", bus_->directory().c_str(), 1);
+  const std::string stateDirectory = bus_->directory() + "/unusable-state";
+  std::filesystem::create_directories(stateDirectory + "/preferences.sqlite3");
+  ::setenv("STATE_DIRECTORY", stateDirectory.c_str(), 1);
   velad_->restart();
   EXPECT_EQ(session_->enableLostModeWithInfo(record("m", "n")), std::nullopt);
   session_->disableLostMode();

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <vela/VelaConstants.h>
 #include <vela/VelaPreferencesUtil.h>
 
 #include "platform/prefs/cbor_codec.h"
@@ -21,15 +22,16 @@ class APreferenceFileFormat : public FreshPreferences {
  protected:
   // Our table holding "k" = "theirs", stamped with `version` (0: unstamped,
   // as builds made before the version was kept left their files).
-  void plantDatabase(int version, bool wal) {
-    RawDatabase raw(path_);
+  void plantDatabase(int version, bool wal) { plantDatabaseAt(path_, kDomain, version, wal); }
+  static void plantDatabaseAt(const std::string& path, std::string_view domain, int version, bool wal) {
+    RawDatabase raw(path);
     if (wal) {
       ASSERT_EQ(raw.scalar("PRAGMA journal_mode=WAL"), "wal");
     }
     ASSERT_TRUE(
         raw.exec("CREATE TABLE preferences (domain TEXT, key TEXT, value BLOB, PRIMARY KEY (domain, key))"
                  " WITHOUT ROWID"));
-    raw.put(kDomain, "k", theirs());
+    raw.put(std::string(domain).c_str(), "k", theirs());
     ASSERT_TRUE(raw.exec(("PRAGMA user_version = " + std::to_string(version)).c_str()));
   }
 
@@ -43,9 +45,10 @@ class APreferenceFileFormat : public FreshPreferences {
 
   // Every file of the test's directory with its bytes: a change to the
   // database, or a journal, WAL or lock file beside it, shows here.
-  std::map<std::string, std::string> directorySnapshot() const {
+  std::map<std::string, std::string> directorySnapshot() const { return snapshotOf(dir_); }
+  static std::map<std::string, std::string> snapshotOf(const std::string& directory) {
     std::map<std::string, std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
       std::ifstream in(entry.path(), std::ios::binary);
       files[entry.path().filename().string()] = std::string(std::istreambuf_iterator<char>(in), {});
     }
@@ -110,6 +113,26 @@ TEST_F(APreferenceFileFormat, UsesARefusedFileOnceItsVersionIsKnownAgain) {
   EXPECT_TRUE(SqliteStore::shared().setValue(kDomain, "k", VelaValue("ours")));
   EXPECT_EQ(Prefs::stringForKey("k", kDomain), "ours");
   EXPECT_EQ(SqliteStore::shared().lastFailure(), "");
+}
+
+TEST_F(APreferenceFileFormat, KeepsTheServicesReadersAndItsWriterOffAFileOfAnotherVersion) {
+  const std::string_view domain = kVelaNotification_Pref_Domain;
+  ASSERT_TRUE(std::filesystem::create_directory(stateDir_));
+  plantDatabaseAt(servicePath_, domain, 99, /*wal=*/false);
+  const auto before = snapshotOf(stateDir_);
+
+  EXPECT_EQ(Prefs::objectForKey("k", domain), std::nullopt);
+  EXPECT_TRUE(Prefs::dictionaryForDomain(domain).empty());
+  SqliteStore& reader = SqliteStore::serviceReader();
+  EXPECT_NE(reader.lastFailure().find("format version 99"), std::string::npos) << reader.lastFailure();
+  const auto writer = SqliteStore::serviceWriter(servicePath_);
+  EXPECT_FALSE(writer->setValue(domain, "k", VelaValue("ours")));
+  EXPECT_NE(writer->lastFailure().find("format version 99"), std::string::npos) << writer->lastFailure();
+  EXPECT_FALSE(writer->setValue(domain, "k", std::nullopt));
+
+  EXPECT_TRUE(snapshotOf(stateDir_) == before) << "the refused file, or what lies beside it, changed";
+  ASSERT_TRUE(RawDatabase(servicePath_).exec("PRAGMA user_version = 1"));
+  EXPECT_EQ(Prefs::stringForKey("k", domain), "theirs") << "refused for its version only";
 }
 
 }  // namespace

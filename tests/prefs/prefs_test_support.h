@@ -18,7 +18,8 @@
 
 namespace vela::prefs {
 
-// Every test gets its own empty database in a fresh directory.
+// Every test gets its own empty user's database in a fresh directory, and
+// the service's database in a directory below it, as velad's state directory.
 class FreshPreferences : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -26,17 +27,24 @@ class FreshPreferences : public ::testing::Test {
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     dir_ = pattern;
     path_ = dir_ + "/preferences.sqlite3";
+    stateDir_ = dir_ + "/state";
+    servicePath_ = stateDir_ + "/preferences.sqlite3";
     setenv(kPathVariable, path_.c_str(), 1);
+    setenv(kServicePathVariable, servicePath_.c_str(), 1);
   }
   void TearDown() override {
     unsetenv(kPathVariable);
+    unsetenv(kServicePathVariable);
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);
   }
 
+  // Not a service domain, despite its name.
   static constexpr char kDomain[] = "com.zentrex.VelaNotification.test";
   std::string dir_;
   std::string path_;
+  std::string stateDir_;
+  std::string servicePath_;
 };
 
 // A second connection to the database file that bypasses the store, to plant

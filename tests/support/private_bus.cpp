@@ -215,8 +215,10 @@ PrivateBus::PrivateBus() {
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
   ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
   ::setenv("VELA_PREFERENCES_PATH", (directory_ + "/preferences.sqlite3").c_str(), 1);
-  // velad keeps its state there, and it survives velad's restarts.
+  // velad keeps the service's preferences in its state directory, where every
+  // client reads them.
   ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
+  ::setenv("VELA_SERVICE_PREFERENCES_PATH", (directory_ + "/state/preferences.sqlite3").c_str(), 1);
   try {
     start();
   } catch (...) {

@@ -126,13 +126,14 @@ class Subprocess {
 
 // A private dbus-daemon, configured by tests/support/bus.conf and listening at
 // unix:path=<a fresh temporary directory>/bus. The constructor points
-// DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS at it, and
-// VELA_PREFERENCES_PATH at <directory>/preferences.sqlite3 and STATE_DIRECTORY
-// at <directory>/state, with setenv:
-// construct it before the library starts any thread, and set
-// VELA_PREFERENCES_PATH again afterwards to use another store. The variables
-// stay set after the bus is gone, so that a stray connection fails instead of
-// reaching the machine's own bus.
+// DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS at it,
+// VELA_PREFERENCES_PATH at <directory>/preferences.sqlite3, and velad's
+// STATE_DIRECTORY at <directory>/state with VELA_SERVICE_PREFERENCES_PATH at
+// the service's store in it, <directory>/state/preferences.sqlite3, with
+// setenv: construct it before the library starts any thread, and set the
+// variables again afterwards to use other stores. The variables stay set after
+// the bus is gone, so that a stray connection fails instead of reaching the
+// machine's own bus, and no store outside the directory is touched.
 class PrivateBus {
  public:
   // Throws std::runtime_error when the daemon does not start.

@@ -3,12 +3,11 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <utility>
 
 #include <sqlite3.h>
 
@@ -25,41 +24,6 @@ constexpr const char* kSelectDomain = "SELECT key, value FROM preferences WHERE 
 constexpr const char* kUpsert = "INSERT OR REPLACE INTO preferences (domain, key, value) VALUES (?1, ?2, ?3)";
 constexpr const char* kDelete = "DELETE FROM preferences WHERE domain = ?1 AND key = ?2";
 
-// secure_getenv: a set-user-ID host must not let its caller's environment pick
-// which file it creates and writes.
-const char* variable(const char* name) {
-  const char* value = secure_getenv(name);
-  return value != nullptr && value[0] != '\0' ? value : nullptr;
-}
-
-std::string homeDirectory() {
-  if (const char* home = variable("HOME"); home && home[0] == '/') return home;
-  // Services started without a HOME still have a passwd entry.
-  const auto size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found || !found->pw_dir) return {};
-  return found->pw_dir;
-}
-
-[[nodiscard]] bool resolvePath(std::string& out) {
-  if (const char* path = variable(kPathVariable)) {
-    out.assign(path);
-    return true;
-  }
-  // The XDG rules ignore a relative XDG_CONFIG_HOME.
-  if (const char* config = variable("XDG_CONFIG_HOME"); config && config[0] == '/') {
-    out.assign(config);
-  } else {
-    out = homeDirectory();
-    if (out.empty()) return false;
-    out.append("/.config");
-  }
-  out.append("/vela/preferences.sqlite3");
-  return true;
-}
-
 // Makes a newly created entry of `directory` survive a power loss; SQLite
 // syncs the directory of the files it creates, but not of the database file,
 // which is created here.
@@ -70,12 +34,13 @@ void syncDirectory(const std::string& directory) {
   ::close(fd);
 }
 
-// Creates the missing directories above `path`, private to the user: the
-// database holds whatever every client chose to remember.
-void makeParentDirectories(const std::string& path) {
+// Creates the missing directories above `path` with `mode`, whatever the
+// umask: they are private to the user, or readable by all, as the file is.
+void makeParentDirectories(const std::string& path, mode_t mode) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     const std::string directory = path.substr(0, slash);
-    if (mkdir(directory.c_str(), 0700) == 0) {
+    if (mkdir(directory.c_str(), mode) == 0) {
+      chmod(directory.c_str(), mode);
       syncDirectory(directory.substr(0, directory.rfind('/')));
     } else if (errno != EEXIST) {
       return;
@@ -83,12 +48,13 @@ void makeParentDirectories(const std::string& path) {
   }
 }
 
-// Creates the database file if it is missing, private to the user (SQLite
-// gives its -wal and -shm files the same mode).
-void createDatabaseFile(const std::string& path) {
-  makeParentDirectories(path);
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+// Creates the database file if it is missing, with `fileMode` whatever the
+// umask (SQLite gives its journal, -wal and -shm files the same mode).
+void createDatabaseFile(const std::string& path, mode_t directoryMode, mode_t fileMode) {
+  makeParentDirectories(path, directoryMode);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, fileMode);
   if (fd < 0) return;  // already there, or not creatable: opening it will tell
+  fchmod(fd, fileMode);
   ::close(fd);
   syncDirectory(path.substr(0, path.rfind('/')));
 }
@@ -139,30 +105,74 @@ class ResetOnExit {
 
 void SqliteStore::StatementFinalizer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 
-SqliteStore& SqliteStore::shared() {
-  // Never destroyed, so that it stays usable from other static destructors.
-  static auto* const store = [] {       // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
-    auto* created = new SqliteStore();  // NOLINT(cppcoreguidelines-owning-memory)
+// The stores every process has, made together so that one set of fork
+// handlers covers both.
+struct SqliteStore::ProcessStores {
+  SqliteStore user{findUserDatabase, {}, Sharing::kOwnUser, Mode::kReadWrite};
+  SqliteStore service{findServiceDatabase, {}, Sharing::kAllUsers, Mode::kReadOnly};
+};
+
+SqliteStore::SqliteStore(PathLookup lookup, std::string fixedPath, Sharing sharing, Mode mode)
+    : lookup_(lookup), fixedPath_(std::move(fixedPath)), sharing_(sharing), mode_(mode) {}
+
+SqliteStore::~SqliteStore() {
+  if (db_ && pid_ != getpid()) {
+    abandonInheritedConnection();
+  } else {
+    close();
+  }
+}
+
+SqliteStore::ProcessStores& SqliteStore::processStores() {
+  // Never destroyed, so that they stay usable from other static destructors.
+  static auto* const stores = [] {        // NOLINT(cppcoreguidelines-avoid-non-const-global-variables)
+    auto* created = new ProcessStores();  // NOLINT(cppcoreguidelines-owning-memory)
     // An open connection must not cross fork(): the child inherits SQLite's
     // record of the parent's file locks without the locks themselves, and a
     // connection it then opens believes it holds them. The parent closing its
     // last connection would then checkpoint and delete a WAL the child is still
     // writing into, losing the child's writes. Closing before the fork leaves
     // the child nothing to inherit; both sides reopen on their next call.
-    pthread_atfork([] { shared().beforeFork(); }, [] { shared().afterFork(); }, [] { shared().afterFork(); });
+    pthread_atfork(
+        [] {
+          processStores().user.beforeFork();
+          processStores().service.beforeFork();
+        },
+        [] {
+          processStores().service.afterFork();
+          processStores().user.afterFork();
+        },
+        [] {
+          processStores().service.afterFork();
+          processStores().user.afterFork();
+        });
     return created;
   }();
-  return *store;
+  return *stores;
+}
+
+SqliteStore& SqliteStore::shared() { return processStores().user; }
+
+SqliteStore& SqliteStore::serviceReader() { return processStores().service; }
+
+std::unique_ptr<SqliteStore> SqliteStore::serviceWriter(std::string path) {
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): make_unique cannot reach the private constructor
+  return std::unique_ptr<SqliteStore>(new SqliteStore(nullptr, std::move(path), Sharing::kAllUsers, Mode::kReadWrite));
 }
 
 std::string SqliteStore::databasePath() {
   std::string path;
-  return resolvePath(path) ? path : std::string();
+  return findUserDatabase(path) ? path : std::string();
+}
+
+std::string SqliteStore::serviceDatabasePath() {
+  std::string path;
+  return findServiceDatabase(path) ? path : std::string();
 }
 
 std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::string_view key) {
   std::lock_guard lock(mutex_);
-  if (!ready(Access::kRead)) return std::nullopt;
+  if (!ready(Operation::kRead)) return std::nullopt;
   sqlite3_stmt* select = statement(select_, kSelect);
   if (!select) return std::nullopt;
   ResetOnExit reset(select);
@@ -177,7 +187,7 @@ std::optional<VelaValue> SqliteStore::copyValue(std::string_view domain, std::st
 VelaDictionary SqliteStore::copyDomain(std::string_view domain) {
   VelaDictionary values;
   std::lock_guard lock(mutex_);
-  if (!ready(Access::kRead)) return values;
+  if (!ready(Operation::kRead)) return values;
   // Rare (tools list a domain), so prepared per call rather than kept with
   // the per-key statements.
   sqlite3_stmt* prepared = nullptr;
@@ -207,7 +217,7 @@ bool SqliteStore::setValue(std::string_view domain, std::string_view key, const 
     if (!encoded) return false;
   }
   std::lock_guard lock(mutex_);
-  if (!ready(Access::kWrite)) return false;
+  if (!ready(Operation::kWrite)) return false;
   sqlite3_stmt* write = encoded ? statement(upsert_, kUpsert) : statement(delete_, kDelete);
   if (!write) return false;
   ResetOnExit reset(write);
@@ -238,22 +248,37 @@ bool SqliteStore::fail(std::string reason) {
   return false;
 }
 
-bool SqliteStore::ready(Access access) {
+bool SqliteStore::ready(Operation operation) {
   if (db_ && pid_ != getpid()) abandonInheritedConnection();
-  if (!resolvePath(wanted_)) {
+  if (operation == Operation::kWrite && mode_ == Mode::kReadOnly) {
+    return fail("the service's preferences are read-only here: only the daemon writes them");
+  }
+  if (!locate()) {
     close();
     return fail("no place for the preference file: no home directory");
   }
   if (db_ && wanted_ != path_) close();
-  if (!db_ && !open(access)) return false;
-  if (access == Access::kWrite && !schemaReady_ && !prepareForWriting()) return false;
+  if (!db_ && !open(operation)) return false;
+  if (operation == Operation::kWrite && !schemaReady_ && !prepareForWriting()) return false;
   failure_.clear();
   return true;
 }
 
-bool SqliteStore::open(Access access) {
-  if (access == Access::kWrite) {
-    createDatabaseFile(wanted_);
+bool SqliteStore::locate() {
+  if (lookup_ == nullptr) {
+    wanted_.assign(fixedPath_);
+    return true;
+  }
+  return lookup_(wanted_);
+}
+
+bool SqliteStore::open(Operation operation) {
+  if (operation == Operation::kWrite) {
+    if (sharing_ == Sharing::kAllUsers) {
+      createDatabaseFile(wanted_, 0755, 0644);
+    } else {
+      createDatabaseFile(wanted_, 0700, 0600);
+    }
   } else {
     // Reading never creates the file; a missing one simply holds nothing.
     struct stat info {};
@@ -261,14 +286,15 @@ bool SqliteStore::open(Access access) {
   }
   sqlite3* db = nullptr;
   // Our own mutex serialises every use, so SQLite's per-connection one is redundant.
-  if (sqlite3_open_v2(wanted_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
+  const int access = mode_ == Mode::kReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
+  if (sqlite3_open_v2(wanted_.c_str(), &db, access | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
     std::string reason = "cannot open " + wanted_ + ": " + sqlite3_errmsg(db);
     sqlite3_close(db);
     return fail(std::move(reason));
   }
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
-  // Checked before anything that may write (the switch to WAL below rewrites
-  // the header): a file of another format stays exactly as it is.
+  // Checked before anything that may write (a change of journal mode below
+  // rewrites the header): a file of another format stays exactly as it is.
   if (const std::optional<int> version = formatVersion(db); !version || !isOurFormat(*version)) {
     std::string reason =
         version ? otherFormatReason(wanted_, *version) : "cannot read " + wanted_ + ": " + sqlite3_errmsg(db);
@@ -277,10 +303,14 @@ bool SqliteStore::open(Access access) {
     sqlite3_close(db);
     return fail(std::move(reason));
   }
-  // WAL lets readers go on while another process writes. A file we may only
-  // read cannot switch, so the pragma's answer is not required to be "wal"; an
-  // error (corrupt, I/O) fails the open and it is retried on the next call.
-  if (sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) != SQLITE_OK) {
+  // WAL lets the user's readers go on while another process writes. A file we
+  // may only read cannot switch, so the pragma's answer is not required to be
+  // "wal"; an error (corrupt, I/O) fails the open and it is retried on the next
+  // call. The service's file keeps the rollback journal its readers need; in
+  // that mode a commit is the journal's deletion, which only EXTRA syncs.
+  const char* journal = sharing_ == Sharing::kAllUsers ? "PRAGMA journal_mode=DELETE; PRAGMA synchronous=EXTRA"
+                                                       : "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL";
+  if (mode_ == Mode::kReadWrite && sqlite3_exec(db, journal, nullptr, nullptr, nullptr) != SQLITE_OK) {
     std::string reason = "cannot use " + wanted_ + ": " + sqlite3_errmsg(db);
     sqlite3_close(db);
     return fail(std::move(reason));

@@ -9,9 +9,10 @@
 
 namespace vela::prefs {
 
-// The current user's preferences, as the rest of the library uses them. The
-// one implementation is SqliteStore (see sqlite_store.h for what each call
-// does and how it fails).
+// Preferences by domain and key, as the rest of the library uses them. A
+// SqliteStore is one database (see sqlite_store.h for what each call does and
+// how it fails); a DomainRouter sends each domain to the database that holds
+// it.
 class Store {
  public:
   virtual std::optional<VelaValue> copyValue(std::string_view domain, std::string_view key) = 0;
@@ -40,5 +41,6 @@ Store& store();
 }  // namespace vela::prefs
 
 // What the store's module exports, and a program that links the store in
-// defines: the process's SqliteStore.
+// defines: the process's DomainRouter, over the user's store and the
+// service's read-only one.
 extern "C" vela::prefs::Store* velaPreferenceStore();
