@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // velactl: every operation of the library as a subcommand.
+#include <cstdint>
 #include <iostream>
 #include <string_view>
 
+#include <vela/VelaError.h>
 #include <vela/VelaSync.h>
 
 #include "command.h"
@@ -10,8 +12,22 @@
 
 namespace {
 
+// What a person can do about a refusal. The library never asks for a
+// password itself, so that no call outlasts its 5 seconds; pkexec asks at the
+// terminal (through polkit's text agent) and runs velactl as root.
+void adviseOnRefusal(std::int64_t code) {
+  if (code == VelaDaemonErrorCodeInteractiveAuthorizationRequired) {
+    std::cerr << "velactl: this needs authentication; run it again as `pkexec velactl ...`, which asks for the "
+                 "password at this terminal\n";
+  } else if (code == VelaDaemonErrorCodeNotAuthorized) {
+    std::cerr << "velactl: your user may not do this; an administrator can allow it with a polkit rule, or run it "
+                 "as root\n";
+  }
+}
+
 [[nodiscard]] int report(const velactl::Outcome& outcome, bool json) {
   const auto lastResult = velaLastOperationResult.load();
+
   if (json) {
     std::cout << nlohmann::json{{"result", outcome.result},
                                 {"error", velactl::errorToJson(outcome.error)},
@@ -31,6 +47,11 @@ namespace {
     } else if (lastResult != 0) {
       std::cerr << "velaLastOperationResult: " << lastResult << '\n';
     }
+  }
+  // Value-returning operations leave only the code, which no library code
+  // shares with the daemon's.
+  if (!outcome.error || outcome.error->domain() == kVelaDaemonErrorDomain) {
+    adviseOnRefusal(outcome.error ? outcome.error->code() : lastResult);
   }
   return outcome.error || lastResult != 0 ? 1 : 0;
 }
