@@ -14,6 +14,7 @@
 #include "protocol/locus_state.h"
 #include "protocol/members.h"
 #include "protocol/names.h"
+#include "request_limits.h"
 #include "service_preferences.h"
 
 namespace vela::daemon {
@@ -133,11 +134,11 @@ Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const Caller&
 }
 
 void HandsetActions::republish() {
-  // The entry may be left from a run that stopped before writing it, or
-  // written by hand; velad's own state decides.
+  // What clients read may be left from a run that stopped before writing it,
+  // or written by hand; velad's own state decides. A saved state is always
+  // settled.
   (void)published_.publishLostMode(state_.lostMode.get());
-  if (state_.locusState != kLocusStateSwitching)
-    (void)published_.publishWardenEnabled(state_.locusState == kLocusStateOn);
+  (void)published_.publishWardenEnabled(state_.locusState == kLocusStateOn);
 }
 
 // --- Locating state and identity -------------------------------------------
@@ -222,6 +223,10 @@ Answer HandsetActions::regionEvent(RequestArguments& args, bool inside) {
   args.record<VelaGeoLocation>(key::kLocation);
   if (args.problem()) return refused(args);
   if (!region) return missing(key::kRegionIdentifier);
+  if (inside && !state_.kithRegionsInside.contains(*region) && state_.kithRegionsInside.size() >= kMaxRegionsInside) {
+    return failure(VelaDaemonErrorCodeLimitExceeded,
+                   "the device is inside at most " + std::to_string(kMaxRegionsInside) + " regions");
+  }
   if (!store_.saveRegion(*region, inside)) return notSaved(store_);
   if (inside) {
     state_.kithRegionsInside.insert(*region);
@@ -299,8 +304,18 @@ Answer HandsetActions::startListeningOnTopic(RequestArguments& args, const Calle
   const auto topic = args.string(key::kTopic);
   if (args.problem()) return refused(args);
   if (!topic) return missing(key::kTopic);
-  if (!store_.saveTopic(caller.sender, *topic, true)) return notSaved(store_);
-  state_.topics[caller.sender].insert(*topic);
+  auto& owned = state_.topics[caller.sender];
+  if (owned.contains(*topic)) return {};
+  if (owned.size() >= kMaxTopicsPerCaller) {
+    if (owned.empty()) state_.topics.erase(caller.sender);
+    return failure(VelaDaemonErrorCodeLimitExceeded,
+                   "a caller listens on at most " + std::to_string(kMaxTopicsPerCaller) + " topics");
+  }
+  if (!store_.saveTopic(caller.sender, *topic, true)) {
+    if (owned.empty()) state_.topics.erase(caller.sender);
+    return notSaved(store_);
+  }
+  owned.insert(*topic);
   return {};
 }
 

@@ -11,6 +11,7 @@
 #include "log.h"
 #include "protocol/daemon_error.h"
 #include "protocol/members.h"
+#include "request_limits.h"
 
 namespace vela::daemon {
 namespace {
@@ -42,6 +43,11 @@ void HandsetService::callArrived(IncomingCall call) {
     return;
   }
   if (testing_ != nullptr) testing_->logCall(call.member, *call.args, call.sender);
+  // Before the call waits anywhere: an oversized one is not even kept.
+  if (const std::optional<std::string> over = overLimit(*call.args)) {
+    refuse(call, daemonError(VelaDaemonErrorCodeLimitExceeded, *over), std::nullopt);
+    return;
+  }
   const std::string sender = call.sender;
   waiting_[sender].calls.push_back(std::move(call));
   admitNext(sender);
@@ -82,25 +88,26 @@ void HandsetService::decided(const std::string& sender, Verdict verdict, const s
   // RetrieveKithAccount is everyone's: polkit only decides whether its
   // record keeps the tokens.
   if (verdict != Verdict::kAllowed && action != Action::kKithReadSecrets) {
-    refuse(call, action, verdict, caller);
+    const std::string id(actionId(action));
+    refuse(call,
+           verdict == Verdict::kChallenge ? daemonError(VelaDaemonErrorCodeInteractiveAuthorizationRequired,
+                                                        "authentication is required for " + id)
+                                          : daemonError(VelaDaemonErrorCodeNotAuthorized, "not authorized for " + id),
+           caller);
     return;
   }
   perform(call, Caller{sender, action == Action::kKithReadSecrets && verdict == Verdict::kAllowed});
 }
 
-void HandsetService::refuse(IncomingCall& call, Action action, Verdict verdict,
-                            const std::optional<Credentials>& caller) {
-  const std::string id(actionId(action));
+void HandsetService::refuse(IncomingCall& call, const VelaError& error, const std::optional<Credentials>& caller) {
+  const std::string who = caller ? describeCaller(caller) : call.sender;
+  const std::string why = error.failureReason().value_or("refused");
   if (!call.reply.expectsReply()) {
     // Nobody would hear the refusal; the log says who was turned away.
-    logLine("dropped " + call.member + " from " + describeCaller(caller) + ": not authorized for " + id);
+    logLine("dropped " + call.member + " from " + who + ": " + why);
     return;
   }
-  logVerbose(call.member + " refused to " + describeCaller(caller) + ": not authorized for " + id);
-  const VelaError error =
-      verdict == Verdict::kChallenge
-          ? daemonError(VelaDaemonErrorCodeInteractiveAuthorizationRequired, "authentication is required for " + id)
-          : daemonError(VelaDaemonErrorCodeNotAuthorized, "not authorized for " + id);
+  logVerbose(call.member + " refused to " + who + ": " + why);
   if (const int r = sendAnswer(call, {}, error); r < 0) {
     logLine("cannot refuse " + call.member + ": " + std::strerror(-r));
   }

@@ -193,6 +193,8 @@ std::optional<std::string> TestingInterface::setVetScript(const VelaDictionary& 
 }
 
 void TestingInterface::logCall(const std::string& member, const VelaDictionary& args, const std::string& sender) {
+  // The oldest calls go first: the log must not grow with a client's traffic.
+  if (callLog_.size() >= kMaxLoggedCalls) callLog_.erase(callLog_.begin());
   callLog_.emplace_back(VelaDictionary{{"member", member}, {"args", args}, {"sender", sender}});
   const int r = host_.emitNotification(protocol::kTestingInterface, kCallLoggedNotification,
                                        {{"member", member}, {"sender", sender}});

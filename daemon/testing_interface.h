@@ -73,6 +73,9 @@ class TestingInterface {
   // Handles one call on the Testing interface.
   void callArrived(IncomingCall call);
 
+  // How many calls the log keeps: the most recent ones.
+  static constexpr std::size_t kMaxLoggedCalls = 1000;
+
   // Logs one HandsetActions call as it arrives, before anyone decides
   // whether it may be carried out.
   void logCall(const std::string& member, const VelaDictionary& args, const std::string& sender);

@@ -86,6 +86,11 @@ enum VelaDaemonErrorCode : std::int32_t {
   // The daemon could not record the change durably (its disk is full or
   // failing), so it did not make it. Nothing changed; retry later.
   VelaDaemonErrorCodeNotSaved = 7,
+  // The request is over one of the daemon's limits, which the failure reason
+  // names: a string or data value over 4096 bytes, a request over 64 KiB, a
+  // caller's 65th topic, a 257th region entered. Nothing changed. Send less,
+  // or stop a topic first.
+  VelaDaemonErrorCodeLimitExceeded = 8,
 };
 
 // Codes the library itself makes in kVelaErrorDomain.

@@ -69,4 +69,12 @@ class Completion {
   std::optional<T> value_;
 };
 
+// Returns once the daemon has taken up the requests this process sent
+// without waiting for an answer. velad decides whether a caller may make a
+// request by asking the bus who the caller is, which it can only do while the
+// caller is still connected; and it answers one caller's requests in order,
+// so an answered query after them means they were decided. The query's own
+// result is not reported.
+void awaitDelivery();
+
 }  // namespace velactl

@@ -144,6 +144,7 @@ void addRegionCommand(CLI::App& app, Action& chosen, const char* name, const cha
       const NamedRegion region(options->identifier.get());
       const GeoLocation location = options->location();
       (*VelaNotifySession::sharedInstance().*event)(&region, &location);
+      awaitDelivery();
       return Outcome{nullptr, std::nullopt};
     };
   });

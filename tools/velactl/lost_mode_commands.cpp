@@ -69,6 +69,7 @@ void addLostModeCommands(CLI::App& app, Action& chosen) {
       ->callback([&chosen] {
         chosen = [] {
           VelaNotifySession::sharedInstance()->disableLostMode();
+          awaitDelivery();
           return Outcome{nullptr, {}};
         };
       });

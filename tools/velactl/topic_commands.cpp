@@ -17,6 +17,7 @@ void addSendCommand(CLI::App& app, Action& chosen, const char* name, const char*
   command->callback([&chosen, argument, send] {
     chosen = [argument, send] {
       (*VelaNotifySession::sharedInstance().*send)(argument->get());
+      awaitDelivery();
       return Outcome{nullptr, {}};
     };
   });
