@@ -374,7 +374,7 @@ int HostCallbacks::nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_b
 
 std::optional<bool> ServiceHost::nameHasOwner(std::string_view name) {
   sd_bus_message* raw = nullptr;
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};  // SD_BUS_ERROR_NULL, which C++ cannot spell
   const int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                    "NameHasOwner", &error, &raw, "s", std::string(name).c_str());
   sd_bus_error_free(&error);
