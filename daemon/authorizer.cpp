@@ -84,9 +84,7 @@ void Authorizer::check(const std::string& sender, Action action, bool allowInter
   });
 }
 
-void Authorizer::forget(const std::string& sender) {
-  if (const auto found = known_.find(sender); found != known_.end()) known_.erase(found);
-}
+void Authorizer::forget(const std::string& sender) { known_.erase(sender); }
 
 void Authorizer::withCredentials(const std::string& sender,
                                  std::function<void(const std::optional<Credentials>&)> then) {

@@ -48,6 +48,12 @@ void HandsetService::callArrived(IncomingCall call) {
     refuse(call, daemonError(VelaDaemonErrorCodeLimitExceeded, *over), std::nullopt);
     return;
   }
+  // Most calls need no one's permission and find nothing of their caller's
+  // waiting: they are carried out at once, without a queue.
+  if (actionFor(call.member) == Action::kNone && !waiting_.contains(call.sender)) {
+    perform(call, Caller{call.sender, false});
+    return;
+  }
   const std::string sender = call.sender;
   waiting_[sender].calls.push_back(std::move(call));
   admitNext(sender);

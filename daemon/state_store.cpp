@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "state_store.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +10,7 @@
 
 #include "log.h"
 #include "platform/prefs/cbor_codec.h"
+#include "platform/prefs/sqlite_files.h"
 #include "protocol/locus_state.h"
 #include "records/archive_io.h"
 
@@ -51,11 +50,6 @@ Statement prepare(sqlite3* db, const char* sql) {
   return Statement(statement);
 }
 
-[[nodiscard]] bool bindText(sqlite3_stmt* statement, int index, std::string_view text) {
-  return sqlite3_bind_text64(statement, index, text.data() != nullptr ? text.data() : "", text.size(), SQLITE_STATIC,
-                             SQLITE_UTF8) == SQLITE_OK;
-}
-
 std::string_view columnText(sqlite3_stmt* statement, int column) {
   const auto* text = sqlite3_column_text(statement, column);
   if (text == nullptr) return {};
@@ -63,42 +57,14 @@ std::string_view columnText(sqlite3_stmt* statement, int column) {
           static_cast<std::size_t>(sqlite3_column_bytes(statement, column))};
 }
 
-// Makes a new entry of `directory` survive a power loss.
-void syncDirectory(const std::string& directory) {
-  const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  ::close(fd);
-}
-
-// The file exists, velad's alone, before SQLite opens it: SQLite would create
-// it with the umask's mode, and gives its journal files the file's mode.
-[[nodiscard]] bool preparePrivateFile(const std::string& directory, const std::string& path, std::string* whyNot) {
-  // Missing directories above it too (a user's ~/.local/state, say).
-  std::size_t slash = 0;
-  do {
-    slash = directory.find('/', slash + 1);
-    const std::string part = directory.substr(0, slash);
-    // Readable by all: the service's public preferences live there too. The
-    // state file itself is velad's alone.
-    if (mkdir(part.c_str(), 0755) == 0) {
-      syncDirectory(part.substr(0, part.find_last_of('/') + 1));
-    } else if (errno != EEXIST) {
-      *whyNot = "cannot create the state directory " + part + ": " + std::strerror(errno);
-      return false;
-    }
-  } while (slash != std::string::npos);
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    *whyNot = "cannot open " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  // A file left with a wider mode (copied in by hand, say) is narrowed.
-  const bool narrowed = fchmod(fd, 0600) == 0;
-  ::close(fd);
-  syncDirectory(directory);
-  if (!narrowed) *whyNot = "cannot make " + path + " private: " + std::strerror(errno);
-  return narrowed;
+// The file exists, velad's alone, before SQLite opens it; one left with a
+// wider mode (copied in by hand, say) is narrowed. The directory is readable
+// by all: the service's public preferences live there too.
+[[nodiscard]] bool preparePrivateFile(const std::string& path, std::string* whyNot) {
+  prefs::createDatabaseFile(path, 0755, 0600);
+  if (::chmod(path.c_str(), 0600) == 0) return true;
+  *whyNot = "cannot create " + path + " for velad alone: " + std::strerror(errno);
+  return false;
 }
 
 std::optional<VelaValue> decodeColumn(sqlite3_stmt* statement, int column) {
@@ -153,7 +119,7 @@ void restore(DaemonState& state, std::string_view key, const VelaValue& value) {
 
 std::unique_ptr<StateStore> StateStore::open(const std::string& directory, std::string* whyNot) {
   const std::string path = directory + "/" + std::string(kFileName);
-  if (!preparePrivateFile(directory, path, whyNot)) return nullptr;
+  if (!preparePrivateFile(path, whyNot)) return nullptr;
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
     *whyNot = "cannot open " + path + ": " + sqlite3_errmsg(db);
@@ -163,16 +129,12 @@ std::unique_ptr<StateStore> StateStore::open(const std::string& directory, std::
   std::unique_ptr<StateStore> store(new StateStore(db));
   // Another velad starting at the same moment waits rather than failing.
   sqlite3_busy_timeout(db, 5000);
-  int found = 0;
-  {
-    // Finalised before the pragmas below, which cannot run inside its read.
-    const Statement version = prepare(db, "PRAGMA user_version");
-    if (!version || sqlite3_step(version.get()) != SQLITE_ROW) {
-      *whyNot = "cannot read " + path + ": " + sqlite3_errmsg(db);
-      return nullptr;
-    }
-    found = sqlite3_column_int(version.get(), 0);
+  const std::optional<int> version = prefs::formatVersion(db);
+  if (!version) {
+    *whyNot = "cannot read " + path + ": " + sqlite3_errmsg(db);
+    return nullptr;
   }
+  const int found = *version;
   if (found != 0 && found != kFormatVersion) {
     *whyNot = path + " has format version " + std::to_string(found) + ", which this velad does not know (it uses " +
               std::to_string(kFormatVersion) + "); left untouched";
@@ -242,7 +204,8 @@ bool StateStore::write(const char* sql, Bind&& bind) {
 
 bool StateStore::saveValue(std::string_view key, const std::optional<VelaValue>& value) {
   if (!value) {
-    return write("DELETE FROM state WHERE key = ?1", [&](sqlite3_stmt* s) { return bindText(s, 1, key); });
+    return write("DELETE FROM state WHERE key = ?1",
+                 [&](sqlite3_stmt* s) { return prefs::bindText(s, 1, key) == SQLITE_OK; });
   }
   const std::optional<std::vector<std::uint8_t>> encoded = prefs::encodeValue(*value);
   if (!encoded) {
@@ -250,7 +213,7 @@ bool StateStore::saveValue(std::string_view key, const std::optional<VelaValue>&
     return false;
   }
   return write("INSERT OR REPLACE INTO state (key, value) VALUES (?1, ?2)", [&](sqlite3_stmt* s) {
-    return bindText(s, 1, key) &&
+    return prefs::bindText(s, 1, key) == SQLITE_OK &&
            sqlite3_bind_blob64(s, 2, encoded->data(), encoded->size(), SQLITE_STATIC) == SQLITE_OK;
   });
 }
@@ -272,17 +235,20 @@ bool StateStore::saveKithAccount(const VelaKithAccountInfo* account) {
 
 bool StateStore::saveRegion(std::string_view region, bool inside) {
   return write(inside ? "INSERT OR IGNORE INTO regions (name) VALUES (?1)" : "DELETE FROM regions WHERE name = ?1",
-               [&](sqlite3_stmt* s) { return bindText(s, 1, region); });
+               [&](sqlite3_stmt* s) { return prefs::bindText(s, 1, region) == SQLITE_OK; });
 }
 
 bool StateStore::saveTopic(std::string_view owner, std::string_view topic, bool listening) {
   return write(listening ? "INSERT OR IGNORE INTO topics (owner, topic) VALUES (?1, ?2)"
                          : "DELETE FROM topics WHERE owner = ?1 AND topic = ?2",
-               [&](sqlite3_stmt* s) { return bindText(s, 1, owner) && bindText(s, 2, topic); });
+               [&](sqlite3_stmt* s) {
+                 return prefs::bindText(s, 1, owner) == SQLITE_OK && prefs::bindText(s, 2, topic) == SQLITE_OK;
+               });
 }
 
 bool StateStore::forgetTopicsOf(std::string_view owner) {
-  return write("DELETE FROM topics WHERE owner = ?1", [&](sqlite3_stmt* s) { return bindText(s, 1, owner); });
+  return write("DELETE FROM topics WHERE owner = ?1",
+               [&](sqlite3_stmt* s) { return prefs::bindText(s, 1, owner) == SQLITE_OK; });
 }
 
 bool StateStore::fail() {
