@@ -1,14 +1,26 @@
 // SPDX-License-Identifier: MIT
 // velad as the system service: root is trusted, everyone else is put to the
 // machine's real polkitd, and without polkit nothing guarded is allowed.
-// Callers of another user are velactl run as nobody.
+// Callers of another user are velactl run as nobody; velad also runs as an
+// unprivileged user on a bus that allows only what its installed policy does.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <systemd/sd-bus.h>
 
+#include "other_users.h"
 #include "polkit_daemon.h"
 #include "private_bus.h"
 #include "velactl_runner.h"
@@ -32,7 +44,14 @@ class VeladAsTheSystemService : public ::testing::Test {
   void SetUp() override {
     if (const std::optional<std::string> why = PolkitDaemon::unavailable()) GTEST_SKIP() << *why;
     bus_.emplace();
+    openToOtherUsers();
+  }
+
+  std::string binaries() const { return bus_->directory() + "/bin"; }
+
+  void openToOtherUsers() {
     PolkitDaemon::openToEveryUser(*bus_);
+    nobodysVelactl_ = runnableByEveryone(VELACTL_PATH, binaries()).command;
   }
 
   void start(bool withPolkit) {
@@ -40,14 +59,14 @@ class VeladAsTheSystemService : public ::testing::Test {
     velad_.emplace(std::vector<std::string>{}, VeladMode::kService);
   }
 
-  static json run(const std::string& arguments, const std::string& prefix) {
-    const VelactlOutput output = runVelactl(arguments, prefix);
+  static json run(const std::string& arguments, const std::string& prefix, const std::string& velactl) {
+    const VelactlOutput output = runVelactl(arguments, prefix, velactl);
     json parsed = json::parse(output.text, nullptr, false);
     EXPECT_FALSE(parsed.is_discarded()) << arguments << " printed " << output.text;
     return parsed;
   }
-  static json asRoot(const std::string& arguments) { return run(arguments, ""); }
-  static json asNobody(const std::string& arguments) { return run(arguments, kAsNobody); }
+  static json asRoot(const std::string& arguments) { return run(arguments, "", VELACTL_PATH); }
+  json asNobody(const std::string& arguments) const { return run(arguments, kAsNobody, nobodysVelactl_); }
 
   // The daemon error velactl printed, as {code, failure reason}.
   static std::pair<std::int64_t, std::string> refusal(const json& printed) {
@@ -60,6 +79,7 @@ class VeladAsTheSystemService : public ::testing::Test {
   std::optional<PrivateBus> bus_;
   std::optional<PolkitDaemon> polkit_;
   std::optional<VeladProcess> velad_;
+  std::string nobodysVelactl_;
 };
 
 TEST_F(VeladAsTheSystemService, AllowsOtherUsersOnlyWhatPolkitAllows) {
@@ -105,6 +125,143 @@ TEST_F(VeladAsTheSystemService, RefusesEverythingGuardedWhenPolkitIsAbsent) {
   const json seenByNobody = asNobody("retrieve-kith-account").at("result");
   EXPECT_EQ(seenByNobody.at("username"), "friend@example.com");
   EXPECT_TRUE(seenByNobody.at("appAuthToken").is_null());
+}
+
+// Whether a caller allows interactive authorization never shows in polkitd's
+// answer here: with no authentication agent for the caller, the challenge is
+// the same either way. So this one check puts a stand-in in polkit's place,
+// which records the flags velad passes and answers with a challenge.
+class StandInPolkit {
+ public:
+  StandInPolkit() {
+    sd_bus* raw = nullptr;
+    if (sd_bus_open_system(&raw) < 0) throw std::runtime_error("cannot reach the private bus");
+    bus_.reset(raw);
+    if (sd_bus_add_object_vtable(bus_.get(), nullptr, "/org/freedesktop/PolicyKit1/Authority",
+                                 "org.freedesktop.PolicyKit1.Authority", kVtable, this) < 0 ||
+        sd_bus_request_name(bus_.get(), "org.freedesktop.PolicyKit1", 0) < 0) {
+      throw std::runtime_error("cannot stand in for polkit");
+    }
+  }
+
+  // Serves the bus until velad has asked once; the flags it passed, or
+  // nullopt when it did not ask in time.
+  std::optional<std::uint32_t> nextFlags() {
+    flags_.reset();
+    const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
+    for (auto left = kStartTimeout; !flags_ && left.count() > 0;
+         left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())) {
+      const int r = sd_bus_process(bus_.get(), nullptr);
+      if (r < 0) break;
+      if (r == 0) sd_bus_wait(bus_.get(), std::chrono::duration_cast<std::chrono::microseconds>(left).count());
+    }
+    return flags_;
+  }
+
+ private:
+  static int checkAuthorization(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
+    // Skips subject, action and details to reach the flags.
+    int r = sd_bus_message_skip(call, "(sa{sv})sa{ss}");
+    std::uint32_t flags = 0;
+    if (r >= 0) r = sd_bus_message_read_basic(call, 'u', &flags);
+    if (r < 0) return r;
+    static_cast<StandInPolkit*>(self)->flags_ = flags;
+    return sd_bus_reply_method_return(call, "(bba{ss})", 0, 1, 0);
+  }
+
+  // NOLINTNEXTLINE(*-avoid-c-arrays): sd-bus takes the table as an array
+  static constexpr sd_bus_vtable kVtable[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD("CheckAuthorization", "(sa{sv})sa{ss}us", "(bba{ss})", checkAuthorization, 0), SD_BUS_VTABLE_END};
+
+  struct Unref {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+  };
+  std::unique_ptr<sd_bus, Unref> bus_;
+  std::optional<std::uint32_t> flags_;
+};
+
+TEST_F(VeladAsTheSystemService, TellsPolkitWhetherTheCallerAllowsInteraction) {
+  velad_.emplace(std::vector<std::string>{}, VeladMode::kService);
+  StandInPolkit polkit;
+  const auto enable = [](bool interactive) {
+    // busctl, which sets the message flag the library never sets.
+    return std::string(kAsNobody) +
+           " busctl --system --allow-interactive-authorization=" + (interactive ? "yes" : "no") +
+           " call com.zentrex.VelaNotification /com/zentrex/VelaNotification "
+           "com.zentrex.VelaNotification.HandsetActions EnableLocusInContext a{sv} 1 context x 7";
+  };
+  constexpr std::uint32_t kAllowUserInteraction = 1;
+  for (const bool interactive : {true, false}) {
+    Subprocess caller({"sh", "-c", enable(interactive)}, SubprocessOptions{.discardStdout = true});
+    EXPECT_EQ(polkit.nextFlags(), interactive ? kAllowUserInteraction : 0U) << "interactive " << interactive;
+    ASSERT_TRUE(caller.waitForExit(kStartTimeout));
+  }
+}
+
+// velad as it runs on a real machine: as its own unprivileged user, on a bus
+// that allows only what the installed bus policies allow.
+class VeladAsAnUnprivilegedService : public VeladAsTheSystemService {
+ protected:
+  void SetUp() override {
+    if (const std::optional<std::string> why = PolkitDaemon::unavailable()) GTEST_SKIP() << *why;
+    user_ = ServiceUser::standIn();
+    if (!user_) GTEST_SKIP() << "no user daemon to run velad as";
+    bus_.emplace(BusPolicy{.serviceUser = user_->name});
+    openToOtherUsers();
+    veladCopy_ = runnableByEveryone(VeladProcess::path(), binaries()).path;
+    // Like the directory systemd makes for the service: its user's own.
+    ASSERT_EQ(::mkdir(stateDirectory().c_str(), 0755), 0);
+    ASSERT_EQ(::chown(stateDirectory().c_str(), user_->uid, user_->gid), 0);
+    polkit_.emplace(*bus_, kRules, user_->name);
+    velad_.emplace(std::vector<std::string>{}, VeladMode::kService, veladAs(*user_));
+  }
+
+  static std::string stateDirectory() { return std::getenv("STATE_DIRECTORY"); }
+
+  // velad's copy run as `user`: the build tree may be out of the user's reach.
+  std::vector<std::string> veladAs(const ServiceUser& user) const {
+    std::vector<std::string> command = user.launcher();
+    command.push_back(veladCopy_);
+    return command;
+  }
+
+  std::optional<ServiceUser> user_;
+  std::string veladCopy_;
+};
+
+TEST_F(VeladAsAnUnprivilegedService, ServesEveryUserWithinWhatPolkitAllows) {
+  // The bus lets nobody reach velad, and velad asks polkit about nobody's
+  // process: a challenge, not the refusal it gives when polkit cannot answer.
+  EXPECT_EQ(asNobody("locus-state").at("velaLastOperationResult"), 0);
+  EXPECT_EQ(refusal(asNobody("enable-locus")).first, kInteractiveAuthorizationRequired);
+  EXPECT_EQ(refusal(asNobody("disable-locus --token t")).first, kNotAuthorized);
+  EXPECT_TRUE(asRoot("enable-locus").at("error").is_null());
+
+  // Its files are its user's; the service's preferences are every user's to read.
+  struct stat state {};
+  ASSERT_EQ(::stat((stateDirectory() + "/state.sqlite3").c_str(), &state), 0);
+  EXPECT_EQ(state.st_uid, user_->uid);
+  EXPECT_EQ(state.st_mode & 0777U, 0600U);
+  struct stat published {};
+  ASSERT_EQ(::stat(std::getenv("VELA_SERVICE_PREFERENCES_PATH"), &published), 0);
+  EXPECT_EQ(published.st_uid, user_->uid);
+  EXPECT_EQ(published.st_mode & 0777U, 0644U);
+}
+
+TEST_F(VeladAsAnUnprivilegedService, LeavesItsNameToNoOtherUser) {
+  velad_->kill(SIGTERM);
+  ASSERT_TRUE(velad_->waitForExit());
+  const std::string elsewhere = bus_->directory() + "/nobody";
+  ASSERT_EQ(::mkdir(elsewhere.c_str(), 0755), 0);
+  ASSERT_EQ(::chown(elsewhere.c_str(), 65534, 65534), 0);
+  const ServiceUser nobody{"nobody", 65534, 65534};
+  std::vector<std::string> impostor = veladAs(nobody);
+  impostor.insert(impostor.end(), {"--bus=system", "--state-dir=" + elsewhere});
+  EXPECT_EQ(Subprocess::run(impostor), (ExitStatus{.code = 1, .signal = 0}));
+
+  velad_->restart();
+  EXPECT_EQ(asNobody("locus-state").at("velaLastOperationResult"), 0);
 }
 
 }  // namespace

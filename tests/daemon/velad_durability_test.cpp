@@ -2,11 +2,16 @@
 // What velad acknowledged survives it: a restart, or a SIGKILL at any moment.
 #include <sys/stat.h>
 
+#include <condition_variable>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <mutex>
+#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -118,6 +123,68 @@ TEST_F(AVeladThatRestarts, KeepsEveryAcknowledgedChangeThroughASigkill) {
   EXPECT_TRUE(query("SELECT key FROM state WHERE key = 'lostMode'").empty());
   EXPECT_FALSE(VelaPreferencesUtil::dictionaryForKey(protocol::lost_mode::kLocusEntry,
                                                      kVelaNotification_Public_NotBackedUp_Pref_Domain));
+}
+
+// A SIGKILL at a hundred moments, each while a change is on its way: no
+// change velad acknowledged is ever lost, none is invented, and SQLite never
+// finds the file damaged.
+TEST_F(AVeladThatRestarts, SurvivesAHundredSigkillsAtAnyMoment) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  std::uniform_int_distribution<int> acknowledgedBeforeKill(0, 4);
+  std::int64_t kept = 0;
+  for (int round = 0; round < 100; ++round) {
+    std::mutex mutex;
+    std::condition_variable progressed;
+    std::int64_t lastAcknowledged = kept;
+    bool writing = true;
+    // Changes go out back to back, each sent the moment the one before is
+    // acknowledged, until velad dies under one of them.
+    std::thread writer([&] {
+      std::string whyNot;
+      const auto client = bus::TestBusClient::open(bus::BusKind::kSystem, &whyNot);
+      for (std::int64_t n = kept + 1; client != nullptr; ++n) {
+        VelaKithAccountInfo account;
+        account.setUsername("user-" + std::to_string(n));
+        account.setAppAuthToken("token-" + std::to_string(n));
+        if (client->call(kHandsetActions, "AddKithAccount", {{"account", records::archiveRecord(account)}}).failed()) {
+          break;
+        }
+        const std::lock_guard lock(mutex);
+        lastAcknowledged = n;
+        progressed.notify_one();
+      }
+      const std::lock_guard lock(mutex);
+      writing = false;
+      progressed.notify_one();
+    });
+    bool stoppedBeforeKill = false;
+    {
+      std::unique_lock lock(mutex);
+      const std::int64_t target = kept + acknowledgedBeforeKill(random);
+      progressed.wait(lock, [&] { return lastAcknowledged >= target || !writing; });
+      stoppedBeforeKill = !writing;
+    }
+    velad_->kill(SIGKILL);
+    ASSERT_TRUE(velad_->waitForExit());
+    writer.join();
+    ASSERT_FALSE(stoppedBeforeKill) << "round " << round << ": velad stopped answering before it was killed";
+
+    EXPECT_EQ(query("PRAGMA integrity_check"), std::multiset<std::string>{"ok"}) << "round " << round;
+    velad_->restart();
+    reconnect();
+    const VelaDictionary stored = reply("RetrieveKithAccount");
+    ASSERT_TRUE(stored.contains("account")) << "round " << round;
+    const auto account = records::unarchiveRecord<VelaKithAccountInfo>(stored.at("account"));
+    ASSERT_NE(account, nullptr);
+    const std::int64_t n = std::stoll(account->username().value_or("user-0").substr(5));
+    // The last acknowledged change, or the one velad was making when killed.
+    ASSERT_GE(n, lastAcknowledged) << "round " << round;
+    ASSERT_LE(n, lastAcknowledged + 1) << "round " << round;
+    EXPECT_EQ(account->appAuthToken(), "token-" + std::to_string(n));
+    kept = n;
+  }
 }
 
 TEST_F(AVeladThatRestarts, KeepsItsStateWhereOnlyItsUserCanReadIt) {

@@ -12,6 +12,7 @@
 
 #include <vela/VelaConstants.h>
 
+#include "other_users.h"
 #include "prefs_test_support.h"
 #include "protocol/lost_mode_entries.h"
 
@@ -52,14 +53,12 @@ class AnotherUser : public FreshPreferences {
     // mkdtemp made the directory 0700; the reader must be able to reach the
     // state directory, as it reaches /var/lib.
     ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
-    if (runAsNobody("test -x " + shellQuoted(kReader)).status != 0) {
-      GTEST_SKIP() << "uid 65534 cannot run " << kReader << " in this build tree";
-    }
+    reader_ = testing::runnableByEveryone(VELA_PREFERENCE_READER, dir_ + "/bin").command;
   }
 
-  static std::string reader(const std::string& arguments) { return shellQuoted(kReader) + " " + arguments; }
+  std::string reader(const std::string& arguments) const { return reader_ + " " + arguments; }
 
-  static constexpr const char* kReader = VELA_PREFERENCE_READER;
+  std::string reader_;
 };
 
 TEST_F(AnotherUser, ReadsWhatVeladWroteWithoutWriteAccess) {

@@ -6,7 +6,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 namespace vela::testing {
@@ -43,7 +45,7 @@ void PolkitDaemon::openToEveryUser(const PrivateBus& bus) {
   ::chmod((bus.directory() + "/bus").c_str(), 0777);
 }
 
-PolkitDaemon::PolkitDaemon(const PrivateBus& bus, const std::string& rules) {
+PolkitDaemon::PolkitDaemon(const PrivateBus& bus, const std::string& rules, const std::string& serviceUser) {
   openToEveryUser(bus);
   const std::filesystem::path root = std::filesystem::path(bus.directory()) / "polkit";
   const std::filesystem::path actions = root / "actions";
@@ -52,7 +54,13 @@ PolkitDaemon::PolkitDaemon(const PrivateBus& bus, const std::string& rules) {
   std::filesystem::create_directories(rulesDirectory);
   for (const auto& directory : {root, actions, rulesDirectory}) makeWorldReadable(directory, true);
   const std::filesystem::path policy = actions / std::filesystem::path(VELA_POLKIT_POLICY).filename();
-  std::filesystem::copy_file(VELA_POLKIT_POLICY, policy, std::filesystem::copy_options::overwrite_existing);
+  std::ifstream installed(VELA_POLKIT_POLICY);
+  std::string text((std::istreambuf_iterator<char>(installed)), std::istreambuf_iterator<char>());
+  static constexpr std::string_view kOwner = "unix-user:vela<";
+  for (std::size_t at = text.find(kOwner); at != std::string::npos; at = text.find(kOwner, at + 1)) {
+    text.replace(at, kOwner.size(), "unix-user:" + serviceUser + "<");
+  }
+  std::ofstream(policy) << text;
   makeWorldReadable(policy, false);
   const std::filesystem::path rulesFile = rulesDirectory / "50-tests.rules";
   std::ofstream(rulesFile) << rules << '\n';

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "other_users.h"
 #include "private_bus.h"
 
 namespace vela::testing {
@@ -21,10 +22,11 @@ class PolkitDaemon {
   static std::optional<std::string> unavailable();
 
   // Starts polkitd with `rules` (JavaScript, as in /etc/polkit-1/rules.d)
-  // and returns once it owns its name on `bus`. Opens the bus to every user
-  // first (see openToEveryUser). Throws std::runtime_error when it does not
-  // come up.
-  PolkitDaemon(const PrivateBus& bus, const std::string& rules);
+  // and returns once it owns its name on `bus`. velad's actions name
+  // `serviceUser` as their owner, in place of vela: the user velad runs as may
+  // ask about other users' processes. Opens the bus to every user first (see
+  // openToEveryUser). Throws std::runtime_error when it does not come up.
+  PolkitDaemon(const PrivateBus& bus, const std::string& rules, const std::string& serviceUser = "vela");
 
   // Lets processes of other users (polkitd drops to its own) reach the
   // bus's socket.
@@ -33,9 +35,5 @@ class PolkitDaemon {
  private:
   std::optional<Subprocess> process_;
 };
-
-// The prefix that runs a command as nobody (uid and gid 65534), keeping the
-// environment and so the private bus.
-inline constexpr const char* kAsNobody = "setpriv --reuid=65534 --regid=65534 --clear-groups";
 
 }  // namespace vela::testing

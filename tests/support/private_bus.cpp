@@ -14,8 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -205,7 +208,7 @@ ExitStatus Subprocess::run(const std::vector<std::string>& argv, std::chrono::mi
   return child.terminate();
 }
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(const BusPolicy& policy) : config_(VELA_TEST_BUS_CONF) {
   std::string pattern = (std::filesystem::temp_directory_path() / "vela-bus-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throwErrno(errno, "mkdtemp " + pattern);
   directory_ = pattern;
@@ -220,6 +223,7 @@ PrivateBus::PrivateBus() {
   ::setenv("STATE_DIRECTORY", (directory_ + "/state").c_str(), 1);
   ::setenv("VELA_SERVICE_PREFERENCES_PATH", (directory_ + "/state/preferences.sqlite3").c_str(), 1);
   try {
+    if (policy.serviceUser) writeSystemConfig(*policy.serviceUser);
     start();
   } catch (...) {
     std::error_code ignored;
@@ -252,10 +256,24 @@ void PrivateBus::restart() {
   start();
 }
 
-std::string PrivateBus::configPath() { return VELA_TEST_BUS_CONF; }
+void PrivateBus::writeSystemConfig(const std::string& serviceUser) {
+  const std::filesystem::path into = std::filesystem::path(directory_) / "bus.d";
+  std::filesystem::create_directories(into);
+  config_ = (into / "system_bus.conf").string();
+  std::filesystem::copy_file(VELA_SYSTEM_BUS_CONF, config_);
+  std::ifstream installed(VELA_BUS_POLICY);
+  std::string policy((std::istreambuf_iterator<char>(installed)), std::istreambuf_iterator<char>());
+  static constexpr std::string_view kServiceUser = R"(user="vela")";
+  const std::size_t at = policy.find(kServiceUser);
+  if (!installed || at == std::string::npos) {
+    throw std::runtime_error(std::string("no policy for the service user in ") + VELA_BUS_POLICY);
+  }
+  policy.replace(at, kServiceUser.size(), "user=\"" + serviceUser + "\"");
+  std::ofstream(into / std::filesystem::path(VELA_BUS_POLICY).filename()) << policy;
+}
 
 void PrivateBus::start() {
-  const std::vector<std::string> argv{"dbus-daemon", "--config-file=" + configPath(), "--address=" + address_,
+  const std::vector<std::string> argv{"dbus-daemon", "--config-file=" + config_, "--address=" + address_,
                                       "--print-address=" + std::to_string(Subprocess::kNotifyFd), "--nofork"};
   daemon_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = true});
   // The daemon prints its address once it listens; connections made from then
@@ -267,8 +285,8 @@ void PrivateBus::start() {
   }
 }
 
-VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode)
-    : extraArgs_(std::move(extraArgs)), mode_(mode) {
+VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode, std::vector<std::string> command)
+    : extraArgs_(std::move(extraArgs)), mode_(mode), command_(std::move(command)) {
   if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
     throw std::logic_error("VeladProcess needs a PrivateBus first: velad would join the machine's bus");
   }
@@ -303,7 +321,7 @@ std::string VeladProcess::path() {
 void VeladProcess::start() {
   // The session bus for testing: velad serves its testing interface nowhere
   // else.
-  std::vector<std::string> argv{path()};
+  std::vector<std::string> argv = command_.empty() ? std::vector<std::string>{path()} : command_;
   if (mode_ == VeladMode::kTesting) {
     argv.insert(argv.end(), {"--bus=session", "--testing"});
   } else {

@@ -124,7 +124,7 @@ class Subprocess {
   std::optional<ExitStatus> status_;
 };
 
-// A private dbus-daemon, configured by tests/support/bus.conf and listening at
+// A private dbus-daemon, configured as BusPolicy says and listening at
 // unix:path=<a fresh temporary directory>/bus. The constructor points
 // DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS at it,
 // VELA_PREFERENCES_PATH at <directory>/preferences.sqlite3, and velad's
@@ -134,10 +134,19 @@ class Subprocess {
 // variables again afterwards to use other stores. The variables stay set after
 // the bus is gone, so that a stray connection fails instead of reaching the
 // machine's own bus, and no store outside the directory is touched.
+// What a private bus lets its clients do.
+struct BusPolicy {
+  // Unset: everything, for every user (tests/support/bus.conf). Set: only
+  // what a distribution's system bus allows (tests/support/system_bus.conf):
+  // velad's installed bus policy, with this user in place of the service user
+  // vela, and polkitd's.
+  std::optional<std::string> serviceUser;
+};
+
 class PrivateBus {
  public:
   // Throws std::runtime_error when the daemon does not start.
-  PrivateBus();
+  explicit PrivateBus(const BusPolicy& policy = {});
   // Stops the daemon and removes the directory.
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
@@ -160,12 +169,11 @@ class PrivateBus {
   // kill() if the daemon is running, then starts it again at the same address.
   void restart();
 
-  // The configuration file every private bus uses.
-  static std::string configPath();
-
  private:
+  void writeSystemConfig(const std::string& serviceUser);
   void start();
 
+  std::string config_;
   std::string directory_;
   std::string address_;
   std::optional<Subprocess> daemon_;
@@ -179,7 +187,9 @@ enum class VeladMode {
 };
 
 // velad on the private bus (which is both buses):
-//   velad <mode's arguments> --ready-fd=3 [extraArgs...]
+//   <command> <mode's arguments> --ready-fd=3 [extraArgs...]
+// where the command is velad's path() unless given: another may run a copy of
+// velad as another user (ServiceUser::launcher()).
 // with its state in $STATE_DIRECTORY, which PrivateBus points into its
 // directory: a restarted velad finds the state its predecessor saved.
 // The constructor and restart() return once velad has written READY to that
@@ -190,7 +200,8 @@ class VeladProcess {
   // Throws std::logic_error when no PrivateBus has set the bus address (velad
   // would join the machine's bus), std::runtime_error when velad exits or
   // stays silent instead of becoming ready.
-  explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting);
+  explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting,
+                        std::vector<std::string> command = {});
 
   pid_t pid() const noexcept { return process_ ? process_->pid() : -1; }
 
@@ -214,6 +225,7 @@ class VeladProcess {
 
   std::vector<std::string> extraArgs_;
   VeladMode mode_;
+  std::vector<std::string> command_;
   std::optional<Subprocess> process_;
 };
 

@@ -15,10 +15,12 @@ struct VelactlOutput {
   std::string text;  // everything velactl printed on stdout
 };
 
-// Runs `<prefix> velactl --json <arguments>` through the shell and waits for
-// it. The prefix may run velactl as another user (setpriv ...).
-inline VelactlOutput runVelactl(const std::string& arguments, const std::string& prefix = {}) {
-  const std::string command = prefix + " " + std::string(VELACTL_PATH) + " --json " + arguments;
+// Runs `<prefix> <velactl> --json <arguments>` through the shell and waits
+// for it. The prefix may run velactl as another user (setpriv ...), who then
+// needs a velactl it can reach (runnableByEveryone).
+inline VelactlOutput runVelactl(const std::string& arguments, const std::string& prefix = {},
+                                const std::string& velactl = VELACTL_PATH) {
+  const std::string command = prefix + " " + velactl + " --json " + arguments;
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   VelactlOutput output;
   std::array<char, 4096> buffer{};
