@@ -61,7 +61,7 @@ class AnotherUser : public FreshPreferences {
   std::string reader_;
 };
 
-TEST_F(AnotherUser, ReadsWhatVeladWroteWithoutWriteAccess) {
+TEST_F(AnotherUser, ReadsWhatVeladWroteAndChangesNothing) {
   const VelaDictionary entry{{std::string(entries::kEnabledKey), true},
                              {std::string(entries::kMessageKey), "Call me"},
                              {std::string(entries::kOwnerNumberKey), "555-0100"}};
@@ -85,6 +85,13 @@ TEST_F(AnotherUser, ReadsWhatVeladWroteWithoutWriteAccess) {
       reader("value " + shellQuoted(std::string(kWardenEnabledPrefDomain)) + " " + std::string(kWardenEnabledPrefKey)));
   EXPECT_EQ(warden.status, 0) << warden.output;
   EXPECT_EQ(warden.output, VelaValue(true).description());
+
+  // Another user's write to the service's domains changes nothing, and fails
+  // quietly, as the library's writes do.
+  const Outcome forged = runAsNobody(reader("set " + shellQuoted(std::string(kWardenEnabledPrefDomain)) + " " +
+                                            std::string(kWardenEnabledPrefKey) + " forged"));
+  EXPECT_EQ(forged.status, 0) << forged.output;
+  EXPECT_EQ(forged.output, VelaValue(true).description());
 
   // And while velad has the file open, switching lost mode off shows at once.
   const auto daemon = SqliteStore::serviceWriter(servicePath_);

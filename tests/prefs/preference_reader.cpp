@@ -4,6 +4,7 @@
 //
 //   vela_preference_reader lost-mode           the lock screen's parameters
 //   vela_preference_reader value DOMAIN KEY    one value
+//   vela_preference_reader set DOMAIN KEY TEXT tries to write one, then reads it back
 //
 // "(none)" when there is nothing. The cross-user tests run it as another user.
 #include <cstdio>
@@ -27,6 +28,11 @@ int main(int argc, char** argv) {
     return print(params ? std::optional<VelaValue>(*params) : std::nullopt);
   }
   if (what == "value" && argc == 4) return print(VelaPreferencesUtil::objectForKey(argv[3], argv[2]));
-  (void)std::fprintf(stderr, "usage: %s lost-mode | value DOMAIN KEY\n", argv[0]);
+  if (what == "set" && argc == 5) {
+    VelaPreferencesUtil::setString(argv[4], argv[3], argv[2]);
+    VelaPreferencesUtil::synchronizeDomain(argv[2]);
+    return print(VelaPreferencesUtil::objectForKey(argv[3], argv[2]));
+  }
+  (void)std::fprintf(stderr, "usage: %s lost-mode | value DOMAIN KEY | set DOMAIN KEY TEXT\n", argv[0]);
   return 2;
 }
