@@ -110,6 +110,11 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, SubprocessOptions o
     checkSpawn(::posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, "/dev/null", O_WRONLY, 0),
                "posix_spawn_file_actions_addopen");
   }
+  if (!options.stderrPath.empty()) {
+    checkSpawn(::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, options.stderrPath.c_str(),
+                                                  O_WRONLY | O_CREAT | O_APPEND, 0600),
+               "posix_spawn_file_actions_addopen");
+  }
   int firstClosed = STDERR_FILENO + 1;
   if (options.notifyPipe) {
     checkSpawn(::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), kNotifyFd),
@@ -200,7 +205,7 @@ ExitStatus Subprocess::terminate(std::chrono::milliseconds grace) {
 }
 
 ExitStatus Subprocess::run(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) {
-  Subprocess child(argv, SubprocessOptions{.notifyPipe = false, .discardStdout = true});
+  Subprocess child(argv, SubprocessOptions{.notifyPipe = false, .discardStdout = true, .stderrPath = {}});
   if (auto status = child.waitForExit(timeout)) return *status;
   return child.terminate();
 }
@@ -257,7 +262,7 @@ std::string PrivateBus::configPath() { return VELA_TEST_BUS_CONF; }
 void PrivateBus::start() {
   const std::vector<std::string> argv{"dbus-daemon", "--config-file=" + configPath(), "--address=" + address_,
                                       "--print-address=" + std::to_string(Subprocess::kNotifyFd), "--nofork"};
-  daemon_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = true});
+  daemon_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = true, .stderrPath = {}});
   // The daemon prints its address once it listens; connections made from then
   // on are accepted.
   if (!daemon_->readLine(kStartTimeout)) {
@@ -267,8 +272,8 @@ void PrivateBus::start() {
   }
 }
 
-VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode)
-    : extraArgs_(std::move(extraArgs)), mode_(mode) {
+VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode, std::string logPath)
+    : extraArgs_(std::move(extraArgs)), mode_(mode), logPath_(std::move(logPath)) {
   if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
     throw std::logic_error("VeladProcess needs a PrivateBus first: velad would join the machine's bus");
   }
@@ -311,7 +316,7 @@ void VeladProcess::start() {
   }
   argv.push_back("--ready-fd=" + std::to_string(Subprocess::kNotifyFd));
   argv.insert(argv.end(), extraArgs_.begin(), extraArgs_.end());
-  process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false});
+  process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false, .stderrPath = logPath_});
 
   const auto deadline = Clock::now() + kStartTimeout;
   for (;;) {

@@ -56,6 +56,7 @@ class FileActions {
 struct SubprocessOptions {
   bool notifyPipe = false;     // give the child a pipe at Subprocess::kNotifyFd
   bool discardStdout = false;  // send the child's stdout to /dev/null
+  std::string stderrPath;      // if set, append the child's stderr to this file
 };
 
 // A child process started with posix_spawnp from PATH. It inherits the
@@ -185,12 +186,17 @@ enum class VeladMode {
 // The constructor and restart() return once velad has written READY to that
 // descriptor. The binary is $VELAD_PATH if set, else the one this build made.
 // The destructor terminates and reaps it.
+//
+// velad's log goes to the test's stderr, or, given a `logPath`, is appended
+// to that file. velad writes each line before it answers the call that
+// caused it, so once a reply has arrived the file holds the call's lines.
 class VeladProcess {
  public:
   // Throws std::logic_error when no PrivateBus has set the bus address (velad
   // would join the machine's bus), std::runtime_error when velad exits or
   // stays silent instead of becoming ready.
-  explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting);
+  explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting,
+                        std::string logPath = {});
 
   pid_t pid() const noexcept { return process_ ? process_->pid() : -1; }
 
@@ -214,6 +220,7 @@ class VeladProcess {
 
   std::vector<std::string> extraArgs_;
   VeladMode mode_;
+  std::string logPath_;
   std::optional<Subprocess> process_;
 };
 
