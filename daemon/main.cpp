@@ -111,6 +111,7 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   r = host->exportInterface(protocol::kObjectPath, protocol::kHandsetActionsInterface,
                             daemon::HandsetActions::members(),
                             [&service](daemon::IncomingCall call) { service.callArrived(std::move(call)); });
+  if (r >= 0) r = host->exportCenter(protocol::kClientNotifyCenter);
   if (r >= 0 && testing) {
     r = host->exportInterface(protocol::kObjectPath, protocol::kTestingInterface, daemon::TestingInterface::members(),
                               [&testing](daemon::IncomingCall call) { testing->callArrived(std::move(call)); });
