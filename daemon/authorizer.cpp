@@ -105,7 +105,7 @@ void Authorizer::withCredentials(const std::string& sender,
       },
       kBusTimeout);
   if (r < 0) {
-    logLine(std::string("cannot ask the bus who is calling: ") + std::strerror(-r));
+    log(LogLevel::kWarning, std::string("cannot ask the bus who is calling: ") + std::strerror(-r));
     credentialsArrived(sender, std::nullopt);
   }
 }
@@ -132,12 +132,14 @@ void Authorizer::askPolkit(const std::string& sender, Action action, bool allowI
       },
       [self, shared, caller, id](sd_bus_message* reply, const std::string& errorName) {
         if (!self.lock()) return;
-        if (reply == nullptr) logLine("polkit could not decide " + id + " (" + errorName + "); refused");
+        if (reply == nullptr) {
+          log(LogLevel::kWarning, "polkit could not decide " + id + " (" + printable(errorName) + "); refused");
+        }
         (*shared)(readVerdict(reply), caller);
       },
       allowInteraction ? kInteractiveTimeout : kPolkitTimeout);
   if (r < 0) {
-    logLine("cannot ask polkit about " + id + " (" + std::strerror(-r) + "); refused");
+    log(LogLevel::kWarning, "cannot ask polkit about " + id + " (" + std::strerror(-r) + "); refused");
     (*shared)(Verdict::kRefused, caller);
   }
 }

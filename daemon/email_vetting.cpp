@@ -46,17 +46,17 @@ void EmailVetting::start(const std::string& requester, const std::string& accoun
   generations_.insert_or_assign(requester, generation);
   std::vector<VetNotification> notifications = script_ ? script_->notifications : verdictFor(account);
   const std::chrono::milliseconds delay = script_ ? script_->delay : std::chrono::milliseconds(0);
-  logVerbose("vetting requested by " + requester);
+  log(LogLevel::kDebug, "vetting requested by " + printable(requester));
   // From a timer even without a delay: the request's reply goes out first.
   const int r = host_.addTimer(delay, [this, requester, generation, notifications = std::move(notifications)] {
     post(requester, generation, notifications);
   });
-  if (r < 0) logLine(std::string("cannot schedule a vetting: ") + std::strerror(-r));
+  if (r < 0) log(LogLevel::kWarning, std::string("cannot schedule a vetting: ") + std::strerror(-r));
 }
 
 void EmailVetting::cancel(const std::string& requester) {
   generations_.erase(requester);
-  logVerbose("vetting cancelled by " + requester);
+  log(LogLevel::kDebug, "vetting cancelled by " + printable(requester));
 }
 
 void EmailVetting::post(const std::string& requester, std::uint64_t generation,
@@ -66,7 +66,9 @@ void EmailVetting::post(const std::string& requester, std::uint64_t generation,
   for (const VetNotification& notification : notifications) {
     const int r =
         host_.emitNotification(protocol::kClientNotifyCenter, notification.name, notification.userInfo, requester);
-    if (r < 0) logLine("cannot post " + notification.name + ": " + std::strerror(-r));
+    if (r < 0) {
+      log(LogLevel::kWarning, "cannot post " + printable(notification.name) + ": " + std::strerror(-r));
+    }
     if (notification.name == names::kVetFinishedNotification) {
       generations_.erase(requester);
       return;

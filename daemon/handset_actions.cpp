@@ -43,7 +43,7 @@ Answer missing(std::string_view key) {
 // The change was not made: it could not be saved, and velad acknowledges
 // only what a restart keeps.
 Answer notSaved(const StateStore& store) {
-  logLine(store.lastFailure());
+  log(LogLevel::kError, store.lastFailure());
   return failure(VelaDaemonErrorCodeNotSaved, "the change could not be saved; nothing changed");
 }
 
@@ -208,10 +208,10 @@ void HandsetActions::setLocusState(std::int32_t state) {
   state_.locusState = state;
   // Failures are logged; clients see the previous value until the next switch or start.
   if (state != kLocusStateSwitching) (void)published_.publishWardenEnabled(state == kLocusStateOn);
-  logVerbose("locus state " + std::to_string(state));
+  log(LogLevel::kInfo, "locus state " + std::to_string(state));
   const int r = host_.emitNotification(kDaemonNotificationCenter, kLocusStateDidChangeNotification,
                                        {{std::string(key::kState), state}});
-  if (r < 0) logLine(std::string("cannot announce the locus state: ") + std::strerror(-r));
+  if (r < 0) log(LogLevel::kWarning, std::string("cannot announce the locus state: ") + std::strerror(-r));
 }
 
 // --- Friends account and regions -------------------------------------------
@@ -234,7 +234,7 @@ Answer HandsetActions::regionEvent(RequestArguments& args, bool inside) {
     state_.kithRegionsInside.erase(*region);
   }
   // The count only: region names can say where the user lives.
-  logVerbose("inside " + std::to_string(state_.kithRegionsInside.size()) + " friends regions");
+  log(LogLevel::kInfo, "inside " + std::to_string(state_.kithRegionsInside.size()) + " friends regions");
   return {};
 }
 
@@ -251,7 +251,7 @@ Answer HandsetActions::addKithAccount(RequestArguments& args, const Caller& /*ca
   if (args.problem()) return refused(args);
   if (!account) return missing(key::kAccount);
   if (!store_.saveKithAccount(account.get())) return notSaved(store_);
-  logVerbose(state_.kithAccount ? "friends account replaced" : "friends account added");
+  log(LogLevel::kInfo, state_.kithAccount ? "friends account replaced" : "friends account added");
   state_.kithAccount = std::move(account);
   return {};
 }
@@ -265,7 +265,7 @@ Answer HandsetActions::removeKithAccountWithUsername(RequestArguments& args, con
   }
   if (!store_.saveKithAccount(nullptr)) return notSaved(store_);
   state_.kithAccount.reset();
-  logVerbose("friends account removed");
+  log(LogLevel::kInfo, "friends account removed");
   return {};
 }
 
@@ -337,7 +337,7 @@ void HandsetActions::callerLeft(const std::string& sender) {
   // Kept in memory when the file refuses: a later departure cannot retry,
   // but the next start drops whatever owners have gone.
   if (!store_.forgetTopicsOf(sender)) {
-    logLine(store_.lastFailure());
+    log(LogLevel::kError, store_.lastFailure());
     return;
   }
   state_.topics.erase(owned);
@@ -346,8 +346,12 @@ void HandsetActions::callerLeft(const std::string& sender) {
 Answer HandsetActions::dumpDebugInfo(RequestArguments& args, const Caller& caller) {
   const auto argument = args.string(key::kArgument);
   if (args.problem()) return refused(args);
-  logLine("debug dump for " + caller.sender + " (argument: " + printable(argument.value_or("(nil)")) + ")\n" +
-          describeDaemonState(state_) + "vettings: " + std::to_string(vetting_.underWay()) + " under way");
+  // Asked for, so written without --verbose; the state is described by what
+  // is set and how much, never by what it holds.
+  log(LogLevel::kNotice,
+      "debug dump for " + printable(caller.sender) + " (argument: " + printable(argument.value_or("(nil)")) + ")");
+  logLines(LogLevel::kNotice, describeDaemonState(state_));
+  log(LogLevel::kNotice, "vettings: " + std::to_string(vetting_.underWay()) + " under way");
   return {};
 }
 

@@ -34,11 +34,15 @@ std::string describeCaller(const std::optional<Credentials>& caller) {
 }  // namespace
 
 void HandsetService::callArrived(IncomingCall call) {
-  logVerbose(call.member + " from " + call.sender);
+  // The bus vouches for the form of member and sender names; they are
+  // escaped all the same, as everything that comes with a call is.
+  if (logs(LogLevel::kDebug)) log(LogLevel::kDebug, printable(call.member) + " from " + printable(call.sender));
   if (!call.args) {
-    logVerbose(call.member + " refused: " + call.argsProblem);
+    if (logs(LogLevel::kDebug)) {
+      log(LogLevel::kDebug, printable(call.member) + " refused: " + printable(call.argsProblem));
+    }
     if (const int r = call.reply.replyError(kInvalidArgsError, call.argsProblem); r < 0) {
-      logLine("cannot refuse " + call.member + ": " + std::strerror(-r));
+      log(LogLevel::kWarning, "cannot refuse " + printable(call.member) + ": " + std::strerror(-r));
     }
     return;
   }
@@ -106,16 +110,18 @@ void HandsetService::decided(const std::string& sender, Verdict verdict, const s
 }
 
 void HandsetService::refuse(IncomingCall& call, const VelaError& error, const std::optional<Credentials>& caller) {
-  const std::string who = caller ? describeCaller(caller) : call.sender;
-  const std::string why = error.failureReason().value_or("refused");
+  // Refusals carry velad's own reasons (an action, a limit), never what the
+  // request held.
+  const std::string who = caller ? describeCaller(caller) : printable(call.sender);
+  const std::string why = printable(error.failureReason().value_or("refused"));
   if (!call.reply.expectsReply()) {
     // Nobody would hear the refusal; the log says who was turned away.
-    logLine("dropped " + call.member + " from " + who + ": " + why);
+    log(LogLevel::kNotice, "dropped " + printable(call.member) + " from " + who + ": " + why);
     return;
   }
-  logVerbose(call.member + " refused to " + who + ": " + why);
+  log(LogLevel::kDebug, printable(call.member) + " refused to " + who + ": " + why);
   if (const int r = sendAnswer(call, {}, error); r < 0) {
-    logLine("cannot refuse " + call.member + ": " + std::strerror(-r));
+    log(LogLevel::kWarning, "cannot refuse " + printable(call.member) + ": " + std::strerror(-r));
   }
 }
 
@@ -128,7 +134,7 @@ void HandsetService::perform(IncomingCall& call, const Caller& caller) {
     const int r =
         host_.addTimer(behavior.delay, [this, behavior, delayed, caller] { carryOut(behavior, *delayed, caller); });
     if (r >= 0) return;
-    logLine(std::string("cannot delay an answer: ") + std::strerror(-r));
+    log(LogLevel::kWarning, std::string("cannot delay an answer: ") + std::strerror(-r));
     carryOut(behavior, *delayed, caller);
     return;
   }
@@ -139,7 +145,7 @@ void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call, cons
   int r = 0;
   switch (behavior.mode) {
     case BehaviorMode::kExit:
-      logLine("exiting in the middle of " + call.member + ", as the test asked");
+      log(LogLevel::kNotice, "exiting in the middle of " + printable(call.member) + ", as the test asked");
       _exit(0);
     case BehaviorMode::kNever:
       // The token goes with the call: the caller waits into its own timeout.
@@ -157,7 +163,9 @@ void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call, cons
     case BehaviorMode::kDelay: {
       const Answer answer = actions_.perform(call.member, *call.args, caller);
       if (answer.refusal) {
-        logVerbose(call.member + " refused: " + *answer.refusal);
+        if (logs(LogLevel::kDebug)) {
+          log(LogLevel::kDebug, printable(call.member) + " refused: " + printable(*answer.refusal));
+        }
         r = call.reply.replyError(kInvalidArgsError, *answer.refusal);
       } else {
         r = sendAnswer(call, answer.values, answer.error);
@@ -165,7 +173,7 @@ void HandsetService::carryOut(const Behavior& behavior, IncomingCall& call, cons
       break;
     }
   }
-  if (r < 0) logLine("cannot answer " + call.member + ": " + std::strerror(-r));
+  if (r < 0) log(LogLevel::kWarning, "cannot answer " + printable(call.member) + ": " + std::strerror(-r));
 }
 
 void HandsetService::callerLeft(const std::string& sender) {

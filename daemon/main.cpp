@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,25 +69,25 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   const bus::BusKind kind = options.bus == "session" ? bus::BusKind::kSession : bus::BusKind::kSystem;
   if (options.testing && kind == bus::BusKind::kSystem) {
     // Anyone on the system bus could script velad's answers to everyone else.
-    daemon::logLine("the testing interface is served on the session bus only");
+    daemon::log(daemon::LogLevel::kError, "the testing interface is served on the session bus only");
     return 2;
   }
   std::unique_ptr<daemon::ServiceHost> host = daemon::ServiceHost::open(kind, &problem);
   if (!host) {
-    daemon::logLine(problem);
+    daemon::log(daemon::LogLevel::kError, problem);
     return 1;
   }
 
   const std::string directory =
       options.stateDirectory.empty() ? daemon::defaultStateDirectory(kind) : options.stateDirectory;
   if (directory.empty()) {
-    daemon::logLine("no state directory: give --state-dir");
+    daemon::log(daemon::LogLevel::kError, "no state directory: give --state-dir");
     return 1;
   }
   const std::unique_ptr<daemon::StateStore> store = daemon::StateStore::open(directory, &problem);
   daemon::DaemonState state = daemon::initialDaemonState();
   if (!store || !store->load(state, &problem)) {
-    daemon::logLine(problem);
+    daemon::log(daemon::LogLevel::kError, problem);
     return 1;
   }
   daemon::EmailVetting vetting(*host);
@@ -99,7 +101,7 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
 
   int r = host->watchDepartures([&service](const std::string& sender) { service.callerLeft(sender); });
   if (r < 0) {
-    daemon::logLine(std::string("cannot watch callers leave the bus: ") + std::strerror(-r));
+    daemon::log(daemon::LogLevel::kError, std::string("cannot watch callers leave the bus: ") + std::strerror(-r));
     return 1;
   }
   // Watching first: a caller that leaves from now on is seen either way.
@@ -109,31 +111,34 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   r = host->exportInterface(protocol::kObjectPath, protocol::kHandsetActionsInterface,
                             daemon::HandsetActions::members(),
                             [&service](daemon::IncomingCall call) { service.callArrived(std::move(call)); });
+  if (r >= 0) r = host->exportCenter(protocol::kClientNotifyCenter);
   if (r >= 0 && testing) {
     r = host->exportInterface(protocol::kObjectPath, protocol::kTestingInterface, daemon::TestingInterface::members(),
                               [&testing](daemon::IncomingCall call) { testing->callArrived(std::move(call)); });
   }
   if (r < 0) {
-    daemon::logLine(std::string("cannot export the interfaces: ") + std::strerror(-r));
+    daemon::log(daemon::LogLevel::kError, std::string("cannot export the interfaces: ") + std::strerror(-r));
     return 1;
   }
   r = host->requestName(protocol::kServiceName);
   if (r < 0) {
-    daemon::logLine("cannot own " + std::string(protocol::kServiceName) + ": " + std::strerror(-r));
+    daemon::log(daemon::LogLevel::kError,
+                "cannot own " + std::string(protocol::kServiceName) + ": " + std::strerror(-r));
     return 1;
   }
   if (options.readyFd >= 0 && !announceReady(options.readyFd)) {
-    daemon::logLine(std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
+    daemon::log(daemon::LogLevel::kError, std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
     return 1;
   }
-  daemon::logVerbose("serving " + std::string(protocol::kServiceName) + " as " + host->uniqueName());
+  daemon::log(daemon::LogLevel::kNotice,
+              "serving " + std::string(protocol::kServiceName) + " as " + host->uniqueName());
 
   r = host->run();
   if (r < 0) {
-    daemon::logLine(std::string("the event loop failed: ") + std::strerror(-r));
+    daemon::log(daemon::LogLevel::kError, std::string("the event loop failed: ") + std::strerror(-r));
     return 1;
   }
-  daemon::logVerbose("stopped");
+  daemon::log(daemon::LogLevel::kNotice, "stopped");
   return r;
 }
 
@@ -159,7 +164,11 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // CLI11's complaint goes to the log like any other line (--help to stdout).
+    std::ostringstream complaint;
+    const int code = app.exit(e, std::cout, complaint);
+    daemon::logLines(daemon::LogLevel::kError, complaint.str());
+    return code;
   }
   return std::nullopt;
 }
@@ -173,7 +182,7 @@ int main(int argc, char** argv) {
     daemon::setVerboseLogging(options.verbose);
     return serve(options);
   } catch (const std::exception& e) {
-    daemon::logLine(std::string("stopped by an unexpected failure: ") + e.what());
+    daemon::log(daemon::LogLevel::kError, std::string("stopped by an unexpected failure: ") + e.what());
     return 1;
   }
 }

@@ -15,6 +15,7 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include "introspection_document.h"
 #include "platform/bus/bus_handles.h"
 #include "platform/bus/variant_codec.h"
 #include "protocol/names.h"
@@ -28,6 +29,8 @@ namespace {
 // NUL-terminated.
 constexpr std::string_view kParameterNames{"request\0reply\0", 14};
 constexpr const char* kDictionarySignature = "a{sv}";
+constexpr std::string_view kIntrospectable = "org.freedesktop.DBus.Introspectable";
+constexpr std::string_view kIntrospect = "Introspect";
 
 // Timers must fire close to when they were asked for: tests measure delays,
 // and sd-event would otherwise coalesce them within 250 ms.
@@ -119,6 +122,7 @@ struct HostCallbacks {
   static int callFiltered(sd_bus_message* message, void* userdata, sd_bus_error* error);
   static int methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error);
   static int dispatch(const ServiceHost::Export& exported, sd_bus_message* message, sd_bus_error* error);
+  static int introspect(const ServiceHost& host, sd_bus_message* message);
   static int timerFired(sd_event_source* source, std::uint64_t usec, void* userdata);
   static int replyArrived(sd_bus_message* reply, void* userdata, sd_bus_error* error);
   static int nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* error);
@@ -132,6 +136,8 @@ struct ServiceHost::Export {
   std::vector<std::string> members;
   std::vector<sd_bus_vtable> vtable;
   CallHandler handler;
+  // The <interface> element introspection shows.
+  std::string description;
   sd_bus_slot* slot = nullptr;
 
   Export() = default;
@@ -175,8 +181,9 @@ std::unique_ptr<ServiceHost> ServiceHost::open(bus::BusKind kind, std::string* w
   if (r < 0) return fail("cannot watch the bus connection", r);
   // Calls to exported members are taken here, ahead of sd-bus's object
   // dispatch, because that dispatch holds every reply to the vtable's
-  // signature and a test must be able to send a malformed one. The vtable
-  // still serves introspection, and handles anything the filter passes on.
+  // signature and a test must be able to send a malformed one; so is
+  // Introspect on an exported object (see HostCallbacks::introspect). The
+  // vtables handle anything the filter passes on.
   r = sd_bus_add_filter(bus.get(), &host->filter_, &HostCallbacks::callFiltered, host.get());
   if (r < 0) return fail("cannot install the call filter", r);
   host->kind_ = kind;
@@ -209,7 +216,27 @@ int ServiceHost::exportInterface(std::string_view path, std::string_view interfa
   exported->interface = std::string(interface);
   exported->members = std::move(members);
   exported->handler = std::move(handler);
+  const std::optional<std::string_view> published = publishedInterface(interface);
+  exported->description = published ? std::string(*published) : describeInterface(interface, exported->members, false);
+  return addExport(std::move(exported));
+}
 
+int ServiceHost::exportCenter(std::string_view center) {
+  auto exported = std::make_unique<Export>();
+  exported->path = protocol::notificationCenterPath(center);
+  exported->interface = std::string(center);
+  if (sd_bus_interface_name_is_valid(exported->interface.c_str()) == 0 ||
+      sd_bus_object_path_is_valid(exported->path.c_str()) == 0) {
+    return -EINVAL;
+  }
+  const std::optional<std::string_view> published = publishedInterface(center);
+  exported->description = published ? std::string(*published) : describeInterface(center, {}, true);
+  // No members: the object is there for introspection, and so that the
+  // paths above it lead to it.
+  return addExport(std::move(exported));
+}
+
+int ServiceHost::addExport(std::unique_ptr<Export> exported) {
   // sd_bus_vtable is a C union: each entry sets the member its type selects.
   // NOLINTBEGIN(cppcoreguidelines-pro-type-union-access)
   sd_bus_vtable start = zeroedVtableEntry();
@@ -249,9 +276,15 @@ int HostCallbacks::callFiltered(sd_bus_message* message, void* userdata, sd_bus_
   const char* path = sd_bus_message_get_path(message);
   const char* interface = sd_bus_message_get_interface(message);
   const char* member = sd_bus_message_get_member(message);
-  if (path == nullptr || interface == nullptr || member == nullptr) return 0;
-  const auto& exports = static_cast<const ServiceHost*>(userdata)->exports_;
-  for (const auto& exported : exports) {
+  if (path == nullptr || member == nullptr) return 0;
+  const auto& host = *static_cast<const ServiceHost*>(userdata);
+  // A call may leave the interface out; Introspect is then the only one.
+  if ((interface == nullptr || std::string_view(interface) == kIntrospectable) &&
+      std::string_view(member) == kIntrospect) {
+    return introspect(host, message);
+  }
+  if (interface == nullptr) return 0;
+  for (const auto& exported : host.exports_) {
     if (exported->path != path || exported->interface != interface ||
         std::find(exported->members.begin(), exported->members.end(), member) == exported->members.end()) {
       continue;
@@ -265,6 +298,45 @@ int HostCallbacks::callFiltered(sd_bus_message* message, void* userdata, sd_bus_
     return dispatch(*exported, message, error);
   }
   return 0;
+}
+
+// sd-bus would describe velad's objects from their vtables, which cannot
+// carry the published files' annotations (see introspection_document.h), so
+// the objects velad exports are introspected here; the paths above them are
+// left to sd-bus, which lists their children.
+int HostCallbacks::introspect(const ServiceHost& host, sd_bus_message* message) {
+  const std::string_view path = sd_bus_message_get_path(message);
+  std::vector<std::string_view> interfaces;
+  std::vector<std::string> children;
+  for (const auto& exported : host.exports_) {
+    if (exported->path == path) {
+      interfaces.emplace_back(exported->description);
+      continue;
+    }
+    // The first step of a path below this one; "/" has every path below it.
+    const std::string prefix = path == "/" ? std::string(path) : std::string(path) + "/";
+    if (exported->path.rfind(prefix, 0) != 0) continue;
+    std::string child = exported->path.substr(prefix.size());
+    child = child.substr(0, child.find('/'));
+    if (std::find(children.begin(), children.end(), child) == children.end()) children.push_back(std::move(child));
+  }
+  if (interfaces.empty()) return 0;
+  if (sd_bus_message_has_signature(message, "") <= 0) {
+    sd_bus_reply_method_errorf(message, std::string(kInvalidArgsError).c_str(),
+                               "Invalid arguments '%s' to call %s.%s(), expecting ''.",
+                               sd_bus_message_get_signature(message, 1), std::string(kIntrospectable).c_str(),
+                               std::string(kIntrospect).c_str());
+    return 1;
+  }
+  try {
+    const std::string document = introspectionDocument(interfaces, children);
+    (void)sendMethodReturn(message, [&](sd_bus_message* reply) {
+      return sd_bus_message_append_basic(reply, SD_BUS_TYPE_STRING, document.c_str());
+    });
+  } catch (const std::exception& e) {
+    sd_bus_reply_method_errorf(message, std::string(kFailedError).c_str(), "%s", e.what());
+  }
+  return 1;
 }
 
 int HostCallbacks::methodCalled(sd_bus_message* message, void* userdata, sd_bus_error* error) {

@@ -130,11 +130,19 @@ class ServiceHost {
   ServiceHost& operator=(ServiceHost&&) = delete;
 
   // Serves `interface` at `path` with `members`, each a{sv} "request" ->
-  // a{sv} "reply", visible to introspection. Calls whose body is not an a{sv}
-  // are refused with InvalidArgs before they reach `handler`. Returns 0 or a
-  // negative errno.
+  // a{sv} "reply". Calls whose body is not an a{sv} are refused with
+  // InvalidArgs before they reach `handler`. Introspection shows the
+  // interface as its published file describes it (see
+  // introspection_document.h), or, for an interface no file describes, as
+  // its members. Returns 0 or a negative errno.
   [[nodiscard]] int exportInterface(std::string_view path, std::string_view interface, std::vector<std::string> members,
                                     CallHandler handler);
+
+  // Makes the notification center `center` visible to introspection at the
+  // path its notifications come from, as its published file describes it
+  // (or, without one, as its Notification signal). Returns 0 or a negative
+  // errno (-EINVAL for a center that makes no valid interface or path).
+  [[nodiscard]] int exportCenter(std::string_view center);
 
   // Takes the well-known name; fails with -EEXIST when another connection
   // owns it. Export interfaces first, so the name never points at an empty
@@ -188,6 +196,8 @@ class ServiceHost {
   friend struct HostCallbacks;
 
   int watchTerminationSignals();
+  // Registers `exported`'s vtable with sd-bus and keeps it.
+  int addExport(std::unique_ptr<Export> exported);
 
   bus::BusKind kind_ = bus::BusKind::kSystem;
   sd_bus* bus_ = nullptr;

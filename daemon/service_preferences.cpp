@@ -37,13 +37,13 @@ ServicePreferences::~ServicePreferences() = default;
 bool ServicePreferences::publishLostMode(const VelaLostModeInfo* info) {
   const bool written = write(kVelaNotification_Public_NotBackedUp_Pref_Domain, kEntryKey,
                              info != nullptr ? std::optional<VelaValue>(entryFor(*info)) : std::nullopt, "lost mode");
-  if (written) logVerbose(info != nullptr ? "lost mode on" : "lost mode off");
+  if (written) log(LogLevel::kInfo, info != nullptr ? "lost mode on" : "lost mode off");
   return written;
 }
 
 bool ServicePreferences::publishWardenEnabled(bool enabled) {
   const bool written = write(kWardenEnabledPrefDomain, kWardenEnabledPrefKey, VelaValue(enabled), "Warden");
-  if (written) logVerbose(enabled ? "Warden on" : "Warden off");
+  if (written) log(LogLevel::kInfo, enabled ? "Warden on" : "Warden off");
   return written;
 }
 
@@ -51,10 +51,10 @@ bool ServicePreferences::write(std::string_view domain, std::string_view key, co
                                std::string_view what) {
   try {
     if (store_->setValue(domain, key, value)) return true;
-    logLine("cannot write " + std::string(what) + " to the service's preferences: " + store_->lastFailure() +
-            "; clients keep seeing the previous state");
+    log(LogLevel::kWarning, "cannot write " + std::string(what) + " to the service's preferences: " +
+                                store_->lastFailure() + "; clients keep seeing the previous state");
   } catch (const std::exception& error) {
-    logLine(std::string(what) + ": " + error.what());
+    log(LogLevel::kWarning, std::string(what) + ": " + error.what());
   }
   return false;
 }

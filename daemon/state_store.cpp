@@ -112,7 +112,7 @@ void restore(DaemonState& state, std::string_view key, const VelaValue& value) {
   } else {
     return;  // a key of a later build of the same format: not ours to read
   }
-  logLine("saved state: cannot read \"" + std::string(key) + "\"; starting without it");
+  log(LogLevel::kWarning, "saved state: cannot read \"" + printable(key) + "\"; starting without it");
 }
 
 }  // namespace
@@ -168,7 +168,7 @@ bool StateStore::load(DaemonState& state, std::string* whyNot) {
     if (const std::optional<VelaValue> value = decodeColumn(values.get(), 1)) {
       restore(state, key, *value);
     } else {
-      logLine("saved state: cannot decode \"" + std::string(key) + "\"; starting without it");
+      log(LogLevel::kWarning, "saved state: cannot decode \"" + printable(key) + "\"; starting without it");
     }
   }
   if (r == SQLITE_DONE) {

@@ -89,7 +89,7 @@ namespace {
 
 // A test waits for the answer; one that could not be sent is worth a line.
 void answered(const std::string& member, int result) {
-  if (result < 0) logLine("cannot answer " + member + ": " + std::strerror(-result));
+  if (result < 0) log(LogLevel::kWarning, "cannot answer " + printable(member) + ": " + std::strerror(-result));
 }
 
 }  // namespace
@@ -147,7 +147,7 @@ std::optional<std::string> TestingInterface::setBehavior(const VelaDictionary& a
   if (values != nullptr) stored.behavior.values = *values;
   if (times != nullptr) stored.timesLeft = *times;
   behaviors_.insert_or_assign(*member, std::move(stored));
-  logVerbose("behaviour of " + *member + " set to " + *mode);
+  log(LogLevel::kInfo, "behaviour of " + printable(*member) + " set to " + printable(*mode));
   return std::nullopt;
 }
 
@@ -198,7 +198,7 @@ void TestingInterface::logCall(const std::string& member, const VelaDictionary& 
   callLog_.emplace_back(VelaDictionary{{"member", member}, {"args", args}, {"sender", sender}});
   const int r = host_.emitNotification(protocol::kTestingInterface, kCallLoggedNotification,
                                        {{"member", member}, {"sender", sender}});
-  if (r < 0) logLine(std::string("cannot announce a logged call: ") + std::strerror(-r));
+  if (r < 0) log(LogLevel::kWarning, std::string("cannot announce a logged call: ") + std::strerror(-r));
 }
 
 Behavior TestingInterface::behaviorForCall(const std::string& member) {

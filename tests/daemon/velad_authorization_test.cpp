@@ -193,7 +193,8 @@ TEST_F(VeladAsTheSystemService, TellsPolkitWhetherTheCallerAllowsInteraction) {
   };
   constexpr std::uint32_t kAllowUserInteraction = 1;
   for (const bool interactive : {true, false}) {
-    Subprocess caller({"sh", "-c", enable(interactive)}, SubprocessOptions{.discardStdout = true});
+    Subprocess caller({"sh", "-c", enable(interactive)},
+                      SubprocessOptions{.notifyPipe = false, .discardStdout = true, .stderrPath = {}});
     EXPECT_EQ(polkit.nextFlags(), interactive ? kAllowUserInteraction : 0U) << "interactive " << interactive;
     ASSERT_TRUE(caller.waitForExit(kStartTimeout));
   }
@@ -214,7 +215,8 @@ class VeladAsAnUnprivilegedService : public VeladAsTheSystemService {
     ASSERT_EQ(::mkdir(stateDirectory().c_str(), 0755), 0);
     ASSERT_EQ(::chown(stateDirectory().c_str(), user_->uid, user_->gid), 0);
     polkit_.emplace(*bus_, kRules, user_->name);
-    velad_.emplace(std::vector<std::string>{}, VeladMode::kService, veladAs(*user_));
+    velad_.emplace(std::vector<std::string>{}, VeladMode::kService,
+                   VeladLaunch{.command = veladAs(*user_), .logPath = {}});
   }
 
   static std::string stateDirectory() { return std::getenv("STATE_DIRECTORY"); }

@@ -113,6 +113,11 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, SubprocessOptions o
     checkSpawn(::posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, "/dev/null", O_WRONLY, 0),
                "posix_spawn_file_actions_addopen");
   }
+  if (!options.stderrPath.empty()) {
+    checkSpawn(::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, options.stderrPath.c_str(),
+                                                  O_WRONLY | O_CREAT | O_APPEND, 0600),
+               "posix_spawn_file_actions_addopen");
+  }
   int firstClosed = STDERR_FILENO + 1;
   if (options.notifyPipe) {
     checkSpawn(::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), kNotifyFd),
@@ -203,7 +208,7 @@ ExitStatus Subprocess::terminate(std::chrono::milliseconds grace) {
 }
 
 ExitStatus Subprocess::run(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) {
-  Subprocess child(argv, SubprocessOptions{.notifyPipe = false, .discardStdout = true});
+  Subprocess child(argv, SubprocessOptions{.notifyPipe = false, .discardStdout = true, .stderrPath = {}});
   if (auto status = child.waitForExit(timeout)) return *status;
   return child.terminate();
 }
@@ -275,7 +280,7 @@ void PrivateBus::writeSystemConfig(const std::string& serviceUser) {
 void PrivateBus::start() {
   const std::vector<std::string> argv{"dbus-daemon", "--config-file=" + config_, "--address=" + address_,
                                       "--print-address=" + std::to_string(Subprocess::kNotifyFd), "--nofork"};
-  daemon_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = true});
+  daemon_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = true, .stderrPath = {}});
   // The daemon prints its address once it listens; connections made from then
   // on are accepted.
   if (!daemon_->readLine(kStartTimeout)) {
@@ -285,8 +290,8 @@ void PrivateBus::start() {
   }
 }
 
-VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode, std::vector<std::string> command)
-    : extraArgs_(std::move(extraArgs)), mode_(mode), command_(std::move(command)) {
+VeladProcess::VeladProcess(std::vector<std::string> extraArgs, VeladMode mode, VeladLaunch launch)
+    : extraArgs_(std::move(extraArgs)), mode_(mode), launch_(std::move(launch)) {
   if (std::getenv("DBUS_SYSTEM_BUS_ADDRESS") == nullptr) {
     throw std::logic_error("VeladProcess needs a PrivateBus first: velad would join the machine's bus");
   }
@@ -321,7 +326,7 @@ std::string VeladProcess::path() {
 void VeladProcess::start() {
   // The session bus for testing: velad serves its testing interface nowhere
   // else.
-  std::vector<std::string> argv = command_.empty() ? std::vector<std::string>{path()} : command_;
+  std::vector<std::string> argv = launch_.command.empty() ? std::vector<std::string>{path()} : launch_.command;
   if (mode_ == VeladMode::kTesting) {
     argv.insert(argv.end(), {"--bus=session", "--testing"});
   } else {
@@ -329,7 +334,7 @@ void VeladProcess::start() {
   }
   argv.push_back("--ready-fd=" + std::to_string(Subprocess::kNotifyFd));
   argv.insert(argv.end(), extraArgs_.begin(), extraArgs_.end());
-  process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false});
+  process_.emplace(argv, SubprocessOptions{.notifyPipe = true, .discardStdout = false, .stderrPath = launch_.logPath});
 
   const auto deadline = Clock::now() + kStartTimeout;
   for (;;) {

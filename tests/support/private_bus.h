@@ -56,6 +56,7 @@ class FileActions {
 struct SubprocessOptions {
   bool notifyPipe = false;     // give the child a pipe at Subprocess::kNotifyFd
   bool discardStdout = false;  // send the child's stdout to /dev/null
+  std::string stderrPath;      // if set, append the child's stderr to this file
 };
 
 // A child process started with posix_spawnp from PATH. It inherits the
@@ -186,22 +187,32 @@ enum class VeladMode {
   kService,  // velad --bus=system
 };
 
+// How velad is started, beyond its arguments.
+struct VeladLaunch {
+  // The command in place of velad's path(): a copy of velad run as another
+  // user, say (ServiceUser::launcher()).
+  std::vector<std::string> command;
+  // A file velad's stderr is appended to; empty: the test's own stderr.
+  std::string logPath;
+};
+
 // velad on the private bus (which is both buses):
 //   <command> <mode's arguments> --ready-fd=3 [extraArgs...]
-// where the command is velad's path() unless given: another may run a copy of
-// velad as another user (ServiceUser::launcher()).
 // with its state in $STATE_DIRECTORY, which PrivateBus points into its
 // directory: a restarted velad finds the state its predecessor saved.
 // The constructor and restart() return once velad has written READY to that
 // descriptor. The binary is $VELAD_PATH if set, else the one this build made.
 // The destructor terminates and reaps it.
+//
+// velad writes each log line before it answers the call that caused it, so
+// once a reply has arrived the log holds the call's lines.
 class VeladProcess {
  public:
   // Throws std::logic_error when no PrivateBus has set the bus address (velad
   // would join the machine's bus), std::runtime_error when velad exits or
   // stays silent instead of becoming ready.
   explicit VeladProcess(std::vector<std::string> extraArgs = {}, VeladMode mode = VeladMode::kTesting,
-                        std::vector<std::string> command = {});
+                        VeladLaunch launch = {});
 
   pid_t pid() const noexcept { return process_ ? process_->pid() : -1; }
 
@@ -225,7 +236,7 @@ class VeladProcess {
 
   std::vector<std::string> extraArgs_;
   VeladMode mode_;
-  std::vector<std::string> command_;
+  VeladLaunch launch_;
   std::optional<Subprocess> process_;
 };
 
