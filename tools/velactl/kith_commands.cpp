@@ -48,7 +48,7 @@ struct Tokens {
   std::optional<std::string> internalAuthToken;
 };
 
-constexpr std::size_t kMaxTokensInput = 64 * 1024;
+constexpr std::size_t kMaxTokensInput = std::size_t{64} * 1024;
 
 // Empty when `text` holds tokens, else why not.
 std::string parseTokens(const std::string& text, Tokens& tokens) {
