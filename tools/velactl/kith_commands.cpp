@@ -158,8 +158,8 @@ void addAccountCommand(CLI::App& app, Action& chosen) {
   addExample(command,
              R"(echo '{"appAuthToken": "...", "internalAuthToken": "..."}' | velactl add-kith-account )"
              R"(--username ann@example.org --dsid 1234567 --tokens-from -)",
-             "A string option left out is nil; an empty one is the empty string. So is a token left out of the "
-             "tokens, or null there.");
+             "A string option left out is nil; an empty one is the empty string. A token left out of the "
+             "tokens input, or null there, is nil too.");
   command->callback([&chosen, options] {
     // Read while parsing, so that unreadable tokens are a usage error and
     // nothing is sent.
