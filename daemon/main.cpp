@@ -146,6 +146,7 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
 // (after --help, or on an unknown or malformed option, with CLI11's message).
 [[nodiscard]] std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   CLI::App app{"velad: serves com.zentrex.VelaNotification on the system or session bus"};
+  app.set_version_flag("--version", "velad " VELA_VERSION, "print velad's version and exit");
   app.add_option("--bus", options.bus, "the bus to serve on")
       ->check(CLI::IsMember({"system", "session"}))
       ->capture_default_str();

@@ -60,4 +60,12 @@ libdir=$(pkg-config --variable=libdir velanotification)
   -o "$work/with-pkg-config"
 "$work/with-pkg-config"
 
+step "man pages and bash completion"
+for file in share/man/man1/velactl.1 share/man/man8/velad.8 share/bash-completion/completions/velactl; do
+  if [[ ! -f $prefix/$file ]]; then
+    echo "$file was not installed" >&2
+    exit 1
+  fi
+done
+
 step "passed"

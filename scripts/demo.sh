@@ -10,6 +10,9 @@
 # ---- arguments are separated by spaces. Add new commands here. An entry
 # ---- starting with "once " runs only in its JSON form: switching locating
 # ---- twice in a row is (rightly) refused while the first switch settles.
+# ---- Commands run in the demo's scratch directory, which holds
+# ---- kith-tokens.json: velactl takes the friends account's tokens from a
+# ---- file or its standard input, never from its command line.
 demo_commands=(
   "locus-device-id"
   "kith-device-id"
@@ -22,7 +25,7 @@ demo_commands=(
   "once is-locus-state-change-in-progress"
   "start-listening-on-topic --topic demo.topic"
   "dump-debug-info --argument all"
-  "add-kith-account --username ann@example.org --dsid 1234567 --app-auth-token demo-token --app-auth-token-status 1 --additional-info {\"plan\":\"family\"} --vela-server-host kith.example.org --vela-server-protocol-scheme https --vela-relay-environment production"
+  "add-kith-account --username ann@example.org --dsid 1234567 --tokens-from kith-tokens.json --app-auth-token-status 1 --additional-info {\"plan\":\"family\"} --vela-server-host kith.example.org --vela-server-protocol-scheme https --vela-relay-environment production"
   "retrieve-kith-account"
   "did-enter-kith-region --identifier demo.home --latitude 48.5 --longitude -122.25 --horizontal-accuracy 5 --timestamp 1700000000"
   "once vet-email-account someone@example.org --wait --timeout-ms 5000"
@@ -110,6 +113,9 @@ if ! ready=$(wait_ready "$work/velad.ready") || [[ $ready != *READY* ]]; then
 fi
 echo "velad is running on a private bus (pid $velad_pid)"
 
+printf '{"appAuthToken": "demo-token"}\n' >"$work/kith-tokens.json"
+echo "kith-tokens.json: $(cat "$work/kith-tokens.json")"
+
 failures=0
 for entry in "${demo_commands[@]}"; do
   read -ra args <<<"$entry"
@@ -122,7 +128,7 @@ for entry in "${demo_commands[@]}"; do
     flags=()
     [[ $form == json ]] && flags=(--json)
     printf '\n$ velactl %s\n' "${flags[*]+${flags[*]} }${args[*]}"
-    "$velactl" "${flags[@]}" "${args[@]}" || {
+    (cd "$work" && "$velactl" "${flags[@]}" "${args[@]}") || {
       echo "(velactl exited with status $?)"
       failures=$((failures + 1))
     }

@@ -32,6 +32,8 @@ using nlohmann::json;
 
 constexpr std::int64_t kNotAuthorized = 5;
 constexpr std::int64_t kInteractiveAuthorizationRequired = 6;
+// velactl's tokens input, on its standard input.
+constexpr const char* kAppToken = R"({"appAuthToken": "a"})";
 
 // nobody may manage the friends account, and nothing else beyond the
 // policy's defaults.
@@ -59,14 +61,19 @@ class VeladAsTheSystemService : public ::testing::Test {
     velad_.emplace(std::vector<std::string>{}, VeladMode::kService);
   }
 
-  static json run(const std::string& arguments, const std::string& prefix, const std::string& velactl) {
-    const VelactlOutput output = runVelactl(arguments, prefix, velactl);
+  static json run(const std::string& arguments, const std::string& prefix, const std::optional<std::string>& input,
+                  const std::string& velactl) {
+    const VelactlOutput output = runVelactl(arguments, prefix, input, velactl);
     json parsed = json::parse(output.text, nullptr, false);
     EXPECT_FALSE(parsed.is_discarded()) << arguments << " printed " << output.text;
     return parsed;
   }
-  static json asRoot(const std::string& arguments) { return run(arguments, "", VELACTL_PATH); }
-  json asNobody(const std::string& arguments) const { return run(arguments, kAsNobody, nobodysVelactl_); }
+  static json asRoot(const std::string& arguments, const std::optional<std::string>& input = std::nullopt) {
+    return run(arguments, "", input, VELACTL_PATH);
+  }
+  json asNobody(const std::string& arguments, const std::optional<std::string>& input = std::nullopt) const {
+    return run(arguments, kAsNobody, input, nobodysVelactl_);
+  }
 
   // The daemon error velactl printed, as {code, failure reason}.
   static std::pair<std::int64_t, std::string> refusal(const json& printed) {
@@ -100,7 +107,8 @@ TEST_F(VeladAsTheSystemService, AllowsOtherUsersOnlyWhatPolkitAllows) {
   EXPECT_EQ(asRoot("locus-state").at("result"), before.at("result"));
 
   // A rule grants nobody the friends account, but not its tokens.
-  EXPECT_EQ(asNobody("add-kith-account --username friend@example.com --app-auth-token a --internal-auth-token b")
+  EXPECT_EQ(asNobody("add-kith-account --username friend@example.com --tokens-from -",
+                     R"({"appAuthToken": "a", "internalAuthToken": "b"})")
                 .at("velaLastOperationResult"),
             0);
   const json seenByNobody = asNobody("retrieve-kith-account").at("result");
@@ -118,10 +126,11 @@ TEST_F(VeladAsTheSystemService, AllowsOtherUsersOnlyWhatPolkitAllows) {
 TEST_F(VeladAsTheSystemService, RefusesEverythingGuardedWhenPolkitIsAbsent) {
   start(false);
   EXPECT_EQ(refusal(asNobody("enable-locus")).first, kNotAuthorized);
-  EXPECT_EQ(refusal(asNobody("add-kith-account --username friend@example.com --app-auth-token a")).first,
+  EXPECT_EQ(refusal(asNobody("add-kith-account --username friend@example.com --tokens-from -", kAppToken)).first,
             kNotAuthorized);
   EXPECT_EQ(asNobody("locus-state").at("velaLastOperationResult"), 0);
-  EXPECT_TRUE(asRoot("add-kith-account --username friend@example.com --app-auth-token a").at("error").is_null());
+  EXPECT_TRUE(
+      asRoot("add-kith-account --username friend@example.com --tokens-from -", kAppToken).at("error").is_null());
   const json seenByNobody = asNobody("retrieve-kith-account").at("result");
   EXPECT_EQ(seenByNobody.at("username"), "friend@example.com");
   EXPECT_TRUE(seenByNobody.at("appAuthToken").is_null());

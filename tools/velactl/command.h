@@ -36,6 +36,12 @@ void addPrefsCommands(CLI::App& app, Action& chosen);
 void addVettingCommands(CLI::App& app, Action& chosen);
 void addKithCommands(CLI::App& app, Action& chosen);
 
+// Ends a subcommand's --help with a note (when given) and one typical
+// invocation, so that every command shows how it is run.
+inline void addExample(CLI::App* command, const std::string& invocation, const std::string& note = {}) {
+  command->footer((note.empty() ? std::string() : note + "\n\n") + "Example:\n  " + invocation);
+}
+
 // A string option where leaving it out means nil and an empty one means "".
 struct OptionalString {
   std::string value;

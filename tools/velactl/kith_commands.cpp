@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -33,22 +37,73 @@ nlohmann::json accountToJson(const std::shared_ptr<VelaKithAccountInfo>& account
   };
 }
 
+// The account's tokens never come from the command line, which every user of
+// the machine can read (ps, /proc/PID/cmdline) and which shells keep in their
+// history: they come from a file or standard input, as one JSON object,
+// {"appAuthToken": "...", "internalAuthToken": "..."}. A key left out, or
+// null, is nil. Any other key is refused, so that a misspelt one cannot
+// silently send a nil token.
+struct Tokens {
+  std::optional<std::string> appAuthToken;
+  std::optional<std::string> internalAuthToken;
+};
+
+constexpr std::size_t kMaxTokensInput = std::size_t{64} * 1024;
+
+// Empty when `text` holds tokens, else why not.
+std::string parseTokens(const std::string& text, Tokens& tokens) {
+  const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+  if (json.is_discarded() || !json.is_object()) {
+    return R"(not a JSON object such as {"appAuthToken": "...", "internalAuthToken": "..."})";
+  }
+  for (const auto& [key, value] : json.items()) {
+    std::optional<std::string>* target = key == "appAuthToken"        ? &tokens.appAuthToken
+                                         : key == "internalAuthToken" ? &tokens.internalAuthToken
+                                                                      : nullptr;
+    if (target == nullptr) return "unknown key \"" + key + "\" (appAuthToken and internalAuthToken are known)";
+    if (value.is_string()) {
+      *target = value.get<std::string>();
+    } else if (!value.is_null()) {
+      return "\"" + key + "\" is neither a string nor null";
+    }
+  }
+  return {};
+}
+
+// Reads the tokens from `source`, a file name or "-" for standard input.
+// Empty on success, else why not.
+std::string readTokens(const std::string& source, Tokens& tokens) {
+  std::ifstream file;
+  std::istream* in = &std::cin;
+  if (source != "-") {
+    file.open(source, std::ios::binary);
+    if (!file) return "cannot read " + source + ": " + std::strerror(errno);
+    in = &file;
+  }
+  std::string text(kMaxTokensInput + 1, '\0');
+  in->read(text.data(), static_cast<std::streamsize>(text.size()));
+  if (in->bad()) return "cannot read " + (source == "-" ? std::string("standard input") : source);
+  text.resize(static_cast<std::size_t>(in->gcount()));
+  if (text.size() > kMaxTokensInput) return "more than " + std::to_string(kMaxTokensInput) + " bytes";
+  return parseTokens(text, tokens);
+}
+
 struct AccountOptions {
   OptionalString dsid;
   OptionalString username;
-  OptionalString appAuthToken;
   std::int32_t appAuthTokenStatus = 0;
   OptionalString additionalInfo;  // JSON text, checked while parsing
   OptionalString velaServerHost;
   OptionalString velaServerProtocolScheme;
   OptionalString velaRelayEnvironment;
-  OptionalString internalAuthToken;
+  std::string tokensFrom;  // a file name, "-" for standard input, empty for none
+  Tokens tokens;
 
   std::shared_ptr<VelaKithAccountInfo> record() const {
     auto account = std::make_shared<VelaKithAccountInfo>();
     account->setDsid(dsid.get());
     account->setUsername(username.get());
-    account->setAppAuthToken(appAuthToken.get());
+    account->setAppAuthToken(tokens.appAuthToken);
     account->setAppAuthTokenStatus(appAuthTokenStatus);
     if (auto text = additionalInfo.get()) {
       std::string whyNot;
@@ -57,7 +112,7 @@ struct AccountOptions {
     account->setVelaServerHost(velaServerHost.get());
     account->setVelaServerProtocolScheme(velaServerProtocolScheme.get());
     account->setVelaRelayEnvironment(velaRelayEnvironment.get());
-    account->setInternalAuthToken(internalAuthToken.get());
+    account->setInternalAuthToken(tokens.internalAuthToken);
     return account;
   }
 };
@@ -70,7 +125,6 @@ void addAccountCommand(CLI::App& app, Action& chosen) {
   };
   addString(options->dsid, "--dsid", "The account's identifier at the service");
   addString(options->username, "--username", "The account's user name");
-  addString(options->appAuthToken, "--app-auth-token", "The application authentication token");
   command->add_option("--app-auth-token-status", options->appAuthTokenStatus, "Status of the application token")
       ->capture_default_str();
   addString(options->additionalInfo, "--additional-info", "Further account information, as JSON");
@@ -83,9 +137,36 @@ void addAccountCommand(CLI::App& app, Action& chosen) {
   addString(options->velaServerHost, "--vela-server-host", "Host of the account's service server");
   addString(options->velaServerProtocolScheme, "--vela-server-protocol-scheme", "Protocol scheme for that server");
   addString(options->velaRelayEnvironment, "--vela-relay-environment", "The account's push-service environment");
-  addString(options->internalAuthToken, "--internal-auth-token", "The internal authentication token");
-  command->footer("A string option left out is nil; an empty one is the empty string.");
+  command->add_option("--tokens-from", options->tokensFrom,
+                      R"(Read the tokens from FILE ("-": standard input) as {"appAuthToken": ..., )"
+                      R"("internalAuthToken": ...}; without it both are nil)");
+  // Whoever still passes a token as an option is told where it goes instead;
+  // the options are hidden.
+  for (const std::string name : {"--app-auth-token", "--internal-auth-token"}) {
+    command
+        ->add_option_function<std::string>(name,
+                                           [name](const std::string&) {
+                                             throw CLI::ValidationError(
+                                                 name,
+                                                 "tokens are not taken on the command line, where other users can "
+                                                 "see them; pass them with --tokens-from FILE or --tokens-from - "
+                                                 "(standard input)");
+                                           })
+        ->expected(0, 1)
+        ->group("");
+  }
+  addExample(command,
+             R"(echo '{"appAuthToken": "...", "internalAuthToken": "..."}' | velactl add-kith-account )"
+             R"(--username ann@example.org --dsid 1234567 --tokens-from -)",
+             "A string option left out is nil; an empty one is the empty string. A token left out of the "
+             "tokens input, or null there, is nil too.");
   command->callback([&chosen, options] {
+    // Read while parsing, so that unreadable tokens are a usage error and
+    // nothing is sent.
+    if (!options->tokensFrom.empty()) {
+      const std::string whyNot = readTokens(options->tokensFrom, options->tokens);
+      if (!whyNot.empty()) throw CLI::ValidationError("--tokens-from", whyNot);
+    }
     chosen = [options] {
       return Outcome{nullptr, VelaNotifySession::sharedInstance()->addKithAccount(options->record())};
     };
@@ -127,6 +208,12 @@ using RegionEvent = void (VelaNotifySession::*)(const GeoRegion*, const GeoLocat
 // Region events are sent without an answer: the result is always null.
 void addRegionCommand(CLI::App& app, Action& chosen, const char* name, const char* help, RegionEvent event) {
   auto* command = app.add_subcommand(name, help);
+  addExample(command,
+             std::string("velactl ") + name +
+                 " --identifier home --latitude 48.5 --longitude -122.25 --horizontal-accuracy 5 "
+                 "--timestamp 1700000000",
+             "Unless a polkit rule allows it, only root and velad's own user may report regions. It is sent "
+             "without an answer, so velactl cannot report a refusal.");
   auto options = std::make_shared<RegionEventOptions>();
   options->identifier.option =
       command->add_option("--identifier", options->identifier.value, "The region's identifier (left out: nil)");
@@ -159,6 +246,7 @@ void addKithCommands(CLI::App& app, Action& chosen) {
                                     "Ask the daemon to forget the friends-locating account with this user name");
   auto username = std::make_shared<OptionalString>();
   username->option = remove->add_option("username,--username", username->value, "The user name (left out: nil)");
+  addExample(remove, "pkexec velactl remove-kith-account-with-username ann@example.org");
   remove->callback([&chosen, username] {
     chosen = [username] {
       return Outcome{nullptr, VelaNotifySession::sharedInstance()->removeKithAccountWithUsername(username->get())};
@@ -168,6 +256,8 @@ void addKithCommands(CLI::App& app, Action& chosen) {
   auto* retrieve = app.add_subcommand("retrieve-kith-account", "The daemon's friends-locating account");
   auto showTokens = std::make_shared<bool>(false);
   retrieve->add_flag("--show-tokens", *showTokens, "Print the authentication tokens instead of \"(not-nil)\"");
+  addExample(retrieve, "pkexec velactl --json retrieve-kith-account --show-tokens",
+             "The daemon gives the tokens only to a caller allowed to read them; others see them as null.");
   retrieve->callback([&chosen, showTokens] {
     chosen = [showTokens] {
       std::shared_ptr<VelaKithAccountInfo> account;

@@ -20,23 +20,27 @@ nlohmann::json infoToJson(const std::shared_ptr<VelaLostModeInfo>& info) {
 }  // namespace
 
 void addLostModeCommands(CLI::App& app, Action& chosen) {
-  app.add_subcommand("lost-mode-is-active", "Whether lost mode is on, as the preference store says")
-      ->callback([&chosen] {
-        chosen = [] { return Outcome{VelaNotifySession::sharedInstance()->lostModeIsActive(), {}}; };
-      });
+  auto* isActive = app.add_subcommand("lost-mode-is-active", "Whether lost mode is on, as the preference store says");
+  addExample(isActive, "velactl lost-mode-is-active");
+  isActive->callback([&chosen] {
+    chosen = [] { return Outcome{VelaNotifySession::sharedInstance()->lostModeIsActive(), {}}; };
+  });
 
-  app.add_subcommand("lost-mode-info", "The active lost-mode entry: flag, message and owner's number")
-      ->callback([&chosen] {
-        chosen = [] { return Outcome{infoToJson(VelaNotifySession::sharedInstance()->lostModeInfo()), {}}; };
-      });
+  auto* info = app.add_subcommand("lost-mode-info", "The active lost-mode entry: flag, message and owner's number");
+  addExample(info, "velactl --json lost-mode-info");
+  info->callback([&chosen] {
+    chosen = [] { return Outcome{infoToJson(VelaNotifySession::sharedInstance()->lostModeInfo()), {}}; };
+  });
 
-  app.add_subcommand("lost-mode-params", "The locked screen's lost-mode parameters (null unless both texts are set)")
-      ->callback([&chosen] {
-        chosen = [] {
-          const auto params = VelaNotifySession::sharedInstance()->lostModeParams();
-          return Outcome{params ? toJson(VelaValue(*params)) : nlohmann::json(), {}};
-        };
-      });
+  auto* params = app.add_subcommand("lost-mode-params",
+                                    "The locked screen's lost-mode parameters (null unless both texts are set)");
+  addExample(params, "velactl --json lost-mode-params");
+  params->callback([&chosen] {
+    chosen = [] {
+      const auto params = VelaNotifySession::sharedInstance()->lostModeParams();
+      return Outcome{params ? toJson(VelaValue(*params)) : nlohmann::json(), {}};
+    };
+  });
 
   struct EnableOptions {
     OptionalString message;
@@ -52,6 +56,8 @@ void addLostModeCommands(CLI::App& app, Action& chosen) {
       enable->add_option("--phone-number", options->phoneNumber.value, "Owner's number (left out: nil)");
   enable->add_flag("--enabled,!--disabled", options->enabled, "The record's flag (default: enabled)");
   enable->add_flag("--no-info", options->noInfo, "Send no record at all (nil)");
+  addExample(enable, "pkexec velactl enable-lost-mode --message \"Please call\" --phone-number 555-0100",
+             "Needs authorization: an unprivileged user runs it through pkexec.");
   enable->callback([&chosen, options] {
     chosen = [options] {
       std::shared_ptr<VelaLostModeInfo> info;
@@ -65,14 +71,16 @@ void addLostModeCommands(CLI::App& app, Action& chosen) {
     };
   });
 
-  app.add_subcommand("disable-lost-mode", "Ask the daemon to switch lost mode off, without waiting")
-      ->callback([&chosen] {
-        chosen = [] {
-          VelaNotifySession::sharedInstance()->disableLostMode();
-          awaitDelivery();
-          return Outcome{nullptr, {}};
-        };
-      });
+  auto* disable = app.add_subcommand("disable-lost-mode", "Ask the daemon to switch lost mode off, without waiting");
+  addExample(disable, "pkexec velactl disable-lost-mode",
+             "Needs authorization. It is sent without an answer, so velactl cannot report a refusal.");
+  disable->callback([&chosen] {
+    chosen = [] {
+      VelaNotifySession::sharedInstance()->disableLostMode();
+      awaitDelivery();
+      return Outcome{nullptr, {}};
+    };
+  });
 }
 
 }  // namespace velactl

@@ -2,7 +2,9 @@
 // velactl: every operation of the library as a subcommand.
 #include <cstdint>
 #include <iostream>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include <vela/VelaError.h>
 #include <vela/VelaSync.h>
@@ -11,6 +13,13 @@
 #include "json_value.h"
 
 namespace {
+
+// velactl's exit statuses. A script tells a failed operation from a mistyped
+// command line by these; the error code itself is printed, never used as the
+// status, since the library's codes (100 and up) would not fit beside them.
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
 
 // What a person can do about a refusal. The library never asks for a
 // password itself, so that no call outlasts its 5 seconds; pkexec asks at the
@@ -53,11 +62,11 @@ void adviseOnRefusal(std::int64_t code) {
   if (!outcome.error || outcome.error->domain() == kVelaDaemonErrorDomain) {
     adviseOnRefusal(outcome.error ? outcome.error->code() : lastResult);
   }
-  return outcome.error || lastResult != 0 ? 1 : 0;
+  return outcome.error || lastResult != 0 ? kExitFailed : kExitSuccess;
 }
 
 // The subcommand named on the command line: the first argument that is not
-// an option (the only option before it is --json, which takes no value).
+// an option (the options before it, --json and the like, take no value).
 std::string_view subcommandName(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view arg = argv[i];
@@ -70,10 +79,52 @@ bool hasSubcommand(CLI::App& app, std::string_view name) {
   return !app.get_subcommands([name](const CLI::App* sub) { return sub->get_name() == name; }).empty();
 }
 
+// For the shell completion, one line per command, its own included: the
+// command's words, a tab, then its options, where an option that takes a
+// value ends in '='. Options without a group are hidden and left out.
+void listCommands(const CLI::App& command, const std::string& path) {
+  std::cout << path << '\t';
+  const char* separator = "";
+  for (const CLI::Option* option : command.get_options()) {
+    if (!option->nonpositional() || option->get_group().empty()) continue;
+    const char* valueMark = option->get_expected_max() != 0 ? "=" : "";
+    for (const std::string& name : option->get_snames()) {
+      std::cout << std::exchange(separator, " ") << '-' << name << valueMark;
+    }
+    for (const std::string& name : option->get_lnames()) {
+      std::cout << std::exchange(separator, " ") << "--" << name << valueMark;
+    }
+  }
+  std::cout << '\n';
+  for (const CLI::App* sub : command.get_subcommands([](const CLI::App*) { return true; })) {
+    listCommands(*sub, path.empty() ? sub->get_name() : path + ' ' + sub->get_name());
+  }
+}
+
+constexpr const char* kFooter = R"(Run `velactl COMMAND --help` for a command's options and an example.
+
+Exit status:
+  0  the operation succeeded
+  1  the operation failed: the library or the daemon returned an error, or
+     velaLastOperationResult was not 0 (what went wrong is printed)
+  2  usage error: no or an unknown command, a bad or missing option, or
+     unreadable tokens; nothing was sent to the daemon
+These never coincide with the library's own error codes, which start at 100.
+
+Operations that need authorization are refused to an unprivileged user
+unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
+
 [[nodiscard]] int run(int argc, char** argv) {
   CLI::App app{"velactl: talk to the device-locating daemon through the VelaNotification library"};
   bool json = false;
   app.add_flag("--json", json, "Print exactly one JSON object: {result, error, velaLastOperationResult}");
+  app.set_version_flag("--version", "velactl " VELA_VERSION, "Print velactl's version and exit");
+  app.add_flag_callback("--list-commands",
+                        [&app] {
+                          listCommands(app, "");
+                          throw CLI::Success();
+                        })
+      ->group("");
   app.require_subcommand(1);
   app.fallthrough();
   velactl::Action chosen;
@@ -86,10 +137,25 @@ bool hasSubcommand(CLI::App& app, std::string_view name) {
     add(app, chosen);
     if (!named.empty() && hasSubcommand(app, named)) break;
   }
-  CLI11_PARSE(app, argc, argv);
+  // Set last: subcommands start with their parent's footer, and each has its own.
+  app.footer(kFooter);
+  if (!named.empty() && !hasSubcommand(app, named)) {
+    // CLI11 would only say that a subcommand is required.
+    std::cerr << "velactl: unknown command " << named << "\nRun with --help for the list of commands.\n";
+    return kExitUsage;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --version end here too, successfully. Every other parse
+    // failure is a usage error, whatever code CLI11 gives it: its codes
+    // (106 for a missing subcommand) would read as the library's.
+    const int status = app.exit(e);
+    return status == static_cast<int>(CLI::ExitCodes::Success) ? kExitSuccess : kExitUsage;
+  }
   const velactl::Outcome outcome = chosen();
   int status = report(outcome, json);
-  if (outcome.then && !outcome.then(json)) status = 1;
+  if (outcome.then && !outcome.then(json)) status = kExitFailed;
   return status;
 }
 
@@ -101,6 +167,6 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     // The library reports failures as values; what lands here is the tool's own (out of memory).
     std::cerr << "velactl: " << e.what() << '\n';
-    return 1;
+    return kExitFailed;
   }
 }

@@ -29,9 +29,13 @@ CLI::App* addKeyCommand(CLI::App& prefs, const std::shared_ptr<PrefsOptions>& op
 void addPrefsCommands(CLI::App& app, Action& chosen) {
   auto* prefs = app.add_subcommand("prefs", "Read and write the preference store, any domain");
   prefs->require_subcommand(1);
+  addExample(prefs, "velactl prefs list --domain com.zentrex.VelaNotification.public.notbackedup",
+             "Run `velactl prefs COMMAND --help` for each command's arguments.");
   auto options = std::make_shared<PrefsOptions>();
 
-  addKeyCommand(*prefs, options, "get", "The key's value, null when absent")->callback([&chosen, options] {
+  auto* get = addKeyCommand(*prefs, options, "get", "The key's value, null when absent");
+  addExample(get, "velactl --json prefs get launches --domain com.example.app");
+  get->callback([&chosen, options] {
     chosen = [options] {
       return Outcome{toJson(VelaPreferencesUtil::objectForKey(options->key, options->domain)), {}};
     };
@@ -46,6 +50,9 @@ void addPrefsCommands(CLI::App& app, Action& chosen) {
             return fromJsonText(text, &whyNot) ? std::string() : whyNot;
           },
           "JSON"));
+  addExample(set, R"(velactl prefs set launched '{"$date": 1700000000}' --domain com.example.app)",
+             "The value is JSON; dates, data and sets are tagged objects, as --json prints them. The service's own "
+             "domains are written by velad only: a write to them is dropped.");
   set->callback([&chosen, options] {
     chosen = [options] {
       std::string whyNot;
@@ -54,16 +61,18 @@ void addPrefsCommands(CLI::App& app, Action& chosen) {
     };
   });
 
-  addKeyCommand(*prefs, options, "remove", "Remove the key; nothing happens if it is absent")
-      ->callback([&chosen, options] {
-        chosen = [options] {
-          VelaPreferencesUtil::removeKey(options->key, options->domain);
-          return Outcome{nullptr, {}};
-        };
-      });
+  auto* remove = addKeyCommand(*prefs, options, "remove", "Remove the key; nothing happens if it is absent");
+  addExample(remove, "velactl prefs remove launches --domain com.example.app");
+  remove->callback([&chosen, options] {
+    chosen = [options] {
+      VelaPreferencesUtil::removeKey(options->key, options->domain);
+      return Outcome{nullptr, {}};
+    };
+  });
 
   auto* list = prefs->add_subcommand("list", "Every key of the domain with its value");
   list->add_option("--domain", options->domain, "The preference domain")->required();
+  addExample(list, "velactl --json prefs list --domain com.example.app");
   list->callback([&chosen, options] {
     chosen = [options] {
       return Outcome{toJson(VelaValue(VelaPreferencesUtil::dictionaryForDomain(options->domain))), {}};

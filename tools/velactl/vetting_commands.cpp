@@ -64,6 +64,9 @@ void addVettingCommands(CLI::App& app, Action& chosen) {
   vet->add_option("--timeout-ms", options->timeoutMs, "With --wait: stop waiting for the finish after this long")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
+  addExample(vet, "velactl --json vet-email-account someone@example.org --wait",
+             "Without --wait velactl only sends the request; with it, each result and the finish print as they "
+             "arrive, and not finishing in time makes the exit status 1.");
   vet->callback([&chosen, options] {
     chosen = [options] {
       auto session = VelaNotifySession::sharedInstance();
@@ -84,10 +87,12 @@ void addVettingCommands(CLI::App& app, Action& chosen) {
     };
   });
 
-  app.add_subcommand("cancel-email-vet", "Stop listening for vetting results and ask the daemon to cancel")
-      ->callback([&chosen] {
-        chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->cancelEmailVet()}; };
-      });
+  auto* cancel =
+      app.add_subcommand("cancel-email-vet", "Stop listening for vetting results and ask the daemon to cancel");
+  addExample(cancel, "velactl cancel-email-vet");
+  cancel->callback([&chosen] {
+    chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->cancelEmailVet()}; };
+  });
 }
 
 }  // namespace velactl
