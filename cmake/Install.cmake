@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: MIT
 # Installs the shared library with its public headers, a CMake package
 # (find_package(Vela) gives Vela::vela), a pkg-config file (velanotification),
-# the interface description, and velad and velactl when they are built.
+# the interface description, and velad (with what runs it as a system
+# service) and velactl when they are built.
 include(CMakePackageConfigHelpers)
 
 set(VELA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Vela)
@@ -54,6 +55,54 @@ if(TARGET velad)
   install(TARGETS velad RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT tools)
 endif()
 if(TARGET velactl)
-  set_target_properties(velactl PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  # No RPATH where the dynamic linker looks anyway (/usr/lib/<multiarch>):
+  # distributions forbid one there.
+  if(NOT CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+    set_target_properties(velactl PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  endif()
   install(TARGETS velactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()
+
+# velad as a system service: its systemd unit, the D-Bus activation file that
+# hands a first call to the unit, the bus policy that lets it own its name,
+# the sysusers.d entry that makes its user, and its polkit actions.
+#
+# Installing into /usr, the unit and the sysusers.d entry go where systemd
+# looks for them, as systemd.pc says (/lib/systemd/system on Debian 12). Any
+# other prefix gets directories inside it, so that an install into
+# /usr/local or a scratch prefix never writes outside that prefix. Both are
+# cache variables: set them to override. A relative value is taken under the
+# prefix given at install time (cmake --install --prefix).
+if(TARGET velad)
+  set(vela_unit_dir lib/systemd/system)
+  set(vela_sysusers_dir lib/sysusers.d)
+  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    pkg_get_variable(vela_systemd_unit_dir systemd systemdsystemunitdir)
+    pkg_get_variable(vela_systemd_sysusers_dir systemd sysusersdir)
+    foreach(kind unit sysusers)
+      set(found ${vela_systemd_${kind}_dir})
+      if(found MATCHES "^/usr/(.+)$")
+        set(vela_${kind}_dir ${CMAKE_MATCH_1})  # under the prefix: kept relative
+      elseif(found)
+        set(vela_${kind}_dir ${found})
+      endif()
+    endforeach()
+  endif()
+  set(VELA_SYSTEMD_UNIT_DIR ${vela_unit_dir} CACHE PATH "Where velad.service is installed (relative: under the prefix)")
+  set(VELA_SYSUSERS_DIR ${vela_sysusers_dir}
+      CACHE PATH "Where the sysusers.d entry for velad's user is installed (relative: under the prefix)")
+
+  set(VELA_INSTALL_FULL_SBINDIR ${CMAKE_INSTALL_FULL_SBINDIR})
+  configure_file(${PROJECT_SOURCE_DIR}/data/systemd/velad.service.in ${PROJECT_BINARY_DIR}/velad.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/velad.service DESTINATION ${VELA_SYSTEMD_UNIT_DIR} COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/data/sysusers/velad.conf DESTINATION ${VELA_SYSUSERS_DIR} COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/data/dbus/com.zentrex.VelaNotification.service
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system-services
+          COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/data/dbus/com.zentrex.VelaNotification.conf
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d
+          COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/data/polkit/com.zentrex.VelaNotification.policy
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/polkit-1/actions
+          COMPONENT tools)
 endif()
