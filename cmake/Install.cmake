@@ -68,34 +68,49 @@ endif()
 # the sysusers.d entry that makes its user, and its polkit actions.
 #
 # Installing into /usr, the unit and the sysusers.d entry go where systemd
-# looks for them, as systemd.pc says (/lib/systemd/system on Debian 12). Any
-# other prefix gets directories inside it, so that an install into
-# /usr/local or a scratch prefix never writes outside that prefix. Both are
-# cache variables: set them to override. A relative value is taken under the
-# prefix given at install time (cmake --install --prefix).
+# looks for them: VELA_SYSTEMD_UNIT_DIR and VELA_SYSUSERS_DIR, cache variables
+# whose defaults are what systemd.pc says (/lib/systemd/system and
+# /usr/lib/sysusers.d on Debian 12). Any other prefix gets lib/systemd/system
+# and lib/sysusers.d inside it, so that an install into /usr/local or a
+# scratch prefix never writes outside that prefix. The choice is made when
+# installing, from the prefix then in force, so a tree configured for /usr
+# and installed with cmake --install --prefix elsewhere stays inside it too.
 if(TARGET velad)
-  set(vela_unit_dir lib/systemd/system)
-  set(vela_sysusers_dir lib/sysusers.d)
-  if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    pkg_get_variable(vela_systemd_unit_dir systemd systemdsystemunitdir)
-    pkg_get_variable(vela_systemd_sysusers_dir systemd sysusersdir)
-    foreach(kind unit sysusers)
-      set(found ${vela_systemd_${kind}_dir})
-      if(found MATCHES "^/usr/(.+)$")
-        set(vela_${kind}_dir ${CMAKE_MATCH_1})  # under the prefix: kept relative
-      elseif(found)
-        set(vela_${kind}_dir ${found})
-      endif()
-    endforeach()
+  pkg_get_variable(vela_systemd_unit_dir systemd systemdsystemunitdir)
+  pkg_get_variable(vela_systemd_sysusers_dir systemd sysusersdir)
+  if(NOT vela_systemd_unit_dir)
+    set(vela_systemd_unit_dir /usr/lib/systemd/system)
   endif()
-  set(VELA_SYSTEMD_UNIT_DIR ${vela_unit_dir} CACHE PATH "Where velad.service is installed (relative: under the prefix)")
-  set(VELA_SYSUSERS_DIR ${vela_sysusers_dir}
-      CACHE PATH "Where the sysusers.d entry for velad's user is installed (relative: under the prefix)")
+  if(NOT vela_systemd_sysusers_dir)
+    set(vela_systemd_sysusers_dir /usr/lib/sysusers.d)
+  endif()
+  set(VELA_SYSTEMD_UNIT_DIR ${vela_systemd_unit_dir}
+      CACHE PATH "Where velad.service is installed when the prefix is /usr (else <prefix>/lib/systemd/system)")
+  set(VELA_SYSUSERS_DIR ${vela_systemd_sysusers_dir}
+      CACHE PATH "Where velad's sysusers.d entry is installed when the prefix is /usr (else <prefix>/lib/sysusers.d)")
+
+  # vela_install_for_systemd(FILE SYSTEMD_DIR UNDER_PREFIX): FILE into
+  # SYSTEMD_DIR (relative: under the prefix) when the install prefix is /usr,
+  # else into UNDER_PREFIX inside the prefix. file(INSTALL) honours DESTDIR
+  # and records the file in the install manifest.
+  function(vela_install_for_systemd file systemd_dir under_prefix)
+    if(NOT IS_ABSOLUTE "${systemd_dir}")
+      set(systemd_dir "\${CMAKE_INSTALL_PREFIX}/${systemd_dir}")
+    endif()
+    install(CODE "
+      if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+        set(vela_destination \"${systemd_dir}\")
+      else()
+        set(vela_destination \"\${CMAKE_INSTALL_PREFIX}/${under_prefix}\")
+      endif()
+      file(INSTALL DESTINATION \"\${vela_destination}\" TYPE FILE FILES \"${file}\")"
+            COMPONENT tools)
+  endfunction()
 
   set(VELA_INSTALL_FULL_SBINDIR ${CMAKE_INSTALL_FULL_SBINDIR})
   configure_file(${PROJECT_SOURCE_DIR}/data/systemd/velad.service.in ${PROJECT_BINARY_DIR}/velad.service @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/velad.service DESTINATION ${VELA_SYSTEMD_UNIT_DIR} COMPONENT tools)
-  install(FILES ${PROJECT_SOURCE_DIR}/data/sysusers/velad.conf DESTINATION ${VELA_SYSUSERS_DIR} COMPONENT tools)
+  vela_install_for_systemd(${PROJECT_BINARY_DIR}/velad.service ${VELA_SYSTEMD_UNIT_DIR} lib/systemd/system)
+  vela_install_for_systemd(${PROJECT_SOURCE_DIR}/data/sysusers/velad.conf ${VELA_SYSUSERS_DIR} lib/sysusers.d)
   install(FILES ${PROJECT_SOURCE_DIR}/data/dbus/com.zentrex.VelaNotification.service
           DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system-services
           COMPONENT tools)
