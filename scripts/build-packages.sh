@@ -62,11 +62,12 @@ step "dpkg-buildpackage -us -uc -b"
   exit 1
 }
 
-changes=("$work"/velanotification_*.changes)
-step "lintian ${changes[0]##*/}"
-lintian --fail-on error,warning --display-info "${changes[0]}"
-
+# Kept for a look even when lintian then refuses them.
 mkdir -p "$out"
 rm -f "$out"/*.deb
 cp "$work"/*.deb "$out"/
+
+changes=("$work"/velanotification_*.changes)
+step "lintian ${changes[0]##*/}"
+lintian --fail-on error,warning --display-info "${changes[0]}"
 step "passed: $(cd "$out" && echo *.deb)"
