@@ -84,8 +84,8 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     daemon::logLine(problem);
     return 1;
   }
-  // Switched on before the slow part of start-up: sd-event pings once at
-  // once, and then from the loop as soon as it runs.
+  // Switched on before the slow part of start-up: sd-event pings right
+  // away, and then from the loop as soon as it runs.
   int r = host->feedWatchdog();
   if (r < 0) {
     daemon::logLine(std::string("cannot feed the service manager's watchdog: ") + std::strerror(-r));
