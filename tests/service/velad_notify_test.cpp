@@ -173,7 +173,10 @@ class VeladUnderAServiceManager : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (velad_ && velad_->running()) velad_->terminate();
+    if (velad_ && velad_->running()) {
+      velad_->signal(SIGCONT);  // in case a test left it frozen
+      velad_->terminate();
+    }
   }
 
   // velad --bus=system, as the unit runs it. With `watchdogForItself`,
