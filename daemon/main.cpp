@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <systemd/sd-daemon.h>
 
 #include "authorizer.h"
 #include "daemon_state.h"
@@ -52,6 +53,14 @@ struct Options {
   return ok;
 }
 
+// Tells the service manager that started velad (systemd, through
+// $NOTIFY_SOCKET) how far it has got; does nothing when there is none.
+void tellServiceManager(const std::string& state) {
+  if (const int r = sd_notify(0, state.c_str()); r < 0) {
+    daemon::log(daemon::LogLevel::kWarning, std::string("cannot notify the service manager: ") + std::strerror(-r));
+  }
+}
+
 // Topics saved by an earlier run belong to connections that may have left
 // the bus while velad was away; theirs end now.
 void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonState& state,
@@ -77,12 +86,25 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     daemon::log(daemon::LogLevel::kError, problem);
     return 1;
   }
+  // Switched on before the slow part of start-up: sd-event pings right
+  // away, and then from the loop as soon as it runs.
+  int r = host->feedWatchdog();
+  if (r < 0) {
+    daemon::log(daemon::LogLevel::kError,
+                std::string("cannot feed the service manager's watchdog: ") + std::strerror(-r));
+    return 1;
+  }
 
   const std::string directory =
       options.stateDirectory.empty() ? daemon::defaultStateDirectory(kind) : options.stateDirectory;
   if (directory.empty()) {
     daemon::log(daemon::LogLevel::kError, "no state directory: give --state-dir");
     return 1;
+  }
+  if (std::string why = daemon::prepareStateDirectory(directory); !why.empty()) {
+    // The private state still works; only other users lose sight of the
+    // service's preferences.
+    daemon::log(daemon::LogLevel::kWarning, why);
   }
   const std::unique_ptr<daemon::StateStore> store = daemon::StateStore::open(directory, &problem);
   daemon::DaemonState state = daemon::initialDaemonState();
@@ -99,7 +121,7 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   if (options.testing) testing.emplace(*host, daemon::HandsetActions::members(), vetting);
   daemon::HandsetService service(*host, actions, authorizer, testing ? &*testing : nullptr);
 
-  int r = host->watchDepartures([&service](const std::string& sender) { service.callerLeft(sender); });
+  r = host->watchDepartures([&service](const std::string& sender) { service.callerLeft(sender); });
   if (r < 0) {
     daemon::log(daemon::LogLevel::kError, std::string("cannot watch callers leave the bus: ") + std::strerror(-r));
     return 1;
@@ -130,10 +152,14 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     daemon::log(daemon::LogLevel::kError, std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
     return 1;
   }
+  // Only now: a unit of Type=notify counts as started at READY=1, and units
+  // ordered after it may call at once.
+  tellServiceManager("READY=1\nSTATUS=Serving " + std::string(protocol::kServiceName));
   daemon::log(daemon::LogLevel::kNotice,
               "serving " + std::string(protocol::kServiceName) + " as " + host->uniqueName());
 
   r = host->run();
+  tellServiceManager("STOPPING=1");
   if (r < 0) {
     daemon::log(daemon::LogLevel::kError, std::string("the event loop failed: ") + std::strerror(-r));
     return 1;

@@ -501,6 +501,13 @@ int ServiceHost::watchTerminationSignals() {
   return 0;
 }
 
+int ServiceHost::feedWatchdog() {
+  // sd-event reads the variables itself (sd_watchdog_enabled) and pings
+  // between loop iterations.
+  const int r = sd_event_set_watchdog(event_, 1);
+  return r < 0 ? r : (r > 0 ? 1 : 0);
+}
+
 int ServiceHost::run() { return sd_event_loop(event_); }
 
 void ServiceHost::exit(int code) { sd_event_exit(event_, code); }

@@ -178,6 +178,13 @@ class ServiceHost {
   // errno.
   [[nodiscard]] int addTimer(std::chrono::microseconds delay, std::function<void()> fire);
 
+  // Keeps the service manager's watchdog fed from the loop, when the manager
+  // asked this process for that ($WATCHDOG_USEC, and $WATCHDOG_PID if set):
+  // a ping at half the interval, so only a loop that stops turning gets
+  // velad restarted. Returns 1 when on, 0 when no watchdog was asked for, or
+  // a negative errno.
+  [[nodiscard]] int feedWatchdog();
+
   // Runs the event loop on the calling thread until exit(), SIGTERM, SIGINT
   // or the loss of the bus. Returns the exit code: 0 after a signal, 1 after
   // the bus went away, a negative errno on failure.

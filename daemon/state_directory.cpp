@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "state_directory.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 namespace vela::daemon {
@@ -24,6 +28,21 @@ std::string defaultStateDirectory(bus::BusKind kind) {
   if (kind == bus::BusKind::kSystem) return "/var/lib/vela";
   if (const std::string_view state = absolute("XDG_STATE_HOME"); !state.empty()) return std::string(state) + "/vela";
   if (const std::string_view home = absolute("HOME"); !home.empty()) return std::string(home) + "/.local/state/vela";
+  return {};
+}
+
+std::string prepareStateDirectory(const std::string& directory) {
+  constexpr mode_t kReadableByAll = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
+  if (::mkdir(directory.c_str(), kReadableByAll) != 0 && errno != EEXIST && errno != ENOENT) {
+    return "cannot create the state directory " + directory + ": " + std::strerror(errno);
+  }
+  // A missing parent is left to the store, which makes the whole path.
+  struct stat info {};
+  if (::stat(directory.c_str(), &info) != 0) return {};
+  if ((info.st_mode & kReadableByAll) == kReadableByAll) return {};
+  if (::chmod(directory.c_str(), (info.st_mode & 07777) | kReadableByAll) != 0) {
+    return "cannot let every user read the state directory " + directory + ": " + std::strerror(errno);
+  }
   return {};
 }
 

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# Installs the project into a temporary prefix and builds the consumer in
-# tests/install against it twice: with find_package(Vela) and with pkg-config.
-# Each consumer is then run, so the installed library must also load.
+# Installs the project into a temporary prefix, checks that nothing lands
+# outside it and that velad's service files (unit, activation file, bus
+# policy, sysusers.d entry, polkit actions) are there, and builds the consumer
+# in tests/install against it twice: with find_package(Vela) and with
+# pkg-config. Each consumer is then run, so the installed library must also
+# load.
 #
 #   scripts/check-install.sh [BUILD_DIR]
 #
@@ -33,6 +36,50 @@ export VELA_SERVICE_PREFERENCES_PATH=$work/state/preferences.sqlite3
 
 step "install $build into a temporary prefix"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+
+step "everything lands inside the prefix"
+manifest=$build/install_manifest.txt
+outside=$(grep -v "^$prefix/" "$manifest" || true)
+if [[ -n $outside ]]; then
+  echo "installed outside the prefix $prefix:" >&2
+  echo "$outside" >&2
+  exit 1
+fi
+
+step "velad's service files"
+# need FILE [PATTERN...]: the file was installed and holds every line given.
+need() {
+  local file=$prefix/$1 line
+  shift
+  if [[ ! -f $file ]]; then
+    echo "not installed: ${file#"$prefix"/}" >&2
+    exit 1
+  fi
+  for line in "$@"; do
+    if ! grep -qxF -- "$line" "$file"; then
+      echo "${file#"$prefix"/} lacks the line: $line" >&2
+      exit 1
+    fi
+  done
+}
+need lib/systemd/system/velad.service Type=notify BusName=com.zentrex.VelaNotification User=vela StateDirectory=vela
+need share/dbus-1/system-services/com.zentrex.VelaNotification.service \
+  Name=com.zentrex.VelaNotification User=vela SystemdService=velad.service
+need share/dbus-1/system.d/com.zentrex.VelaNotification.conf
+need lib/sysusers.d/velad.conf
+need share/polkit-1/actions/com.zentrex.VelaNotification.policy
+need share/dbus-1/interfaces/com.zentrex.VelaNotification.HandsetActions.xml
+if ! grep -qE '^u vela ' "$prefix/lib/sysusers.d/velad.conf"; then
+  echo "lib/sysusers.d/velad.conf does not make the user vela" >&2
+  exit 1
+fi
+# The unit starts velad where the build was configured to put it.
+configured=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+exec_start=$(sed -n 's/^ExecStart=//p' "$prefix/lib/systemd/system/velad.service")
+if [[ $exec_start != "$configured"/* || ! -x $prefix/${exec_start#"$configured"/} ]]; then
+  echo "ExecStart=$exec_start is not the velad installed under $configured" >&2
+  exit 1
+fi
 
 step "consumer with find_package(Vela)"
 cmake -S "$consumer" -B "$work/with-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \

@@ -7,9 +7,11 @@
 #   clang       clang++, Debug, -Werror
 #   asan-ubsan  AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan        ThreadSanitizer
-# and finally installs the dev build into a temporary prefix and builds a
-# consumer against it (scripts/check-install.sh). A full run first checks that
-# every C++ source obeys .clang-format.
+# then installs the dev build into a temporary prefix and builds a consumer
+# against it (scripts/check-install.sh), and finally builds the Debian
+# packages and checks them with lintian (scripts/build-packages.sh, without
+# their own test run: the configurations above are it). A full run first
+# checks that every C++ source obeys .clang-format.
 #
 #   scripts/test.sh                  everything above
 #   scripts/test.sh --preset NAME    one configuration only (any preset with tests)
@@ -36,7 +38,7 @@ while (($# > 0)); do
       shift
       ;;
     -h | --help)
-      sed -n '3,17p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
+      sed -n '3,19p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//'
       exit 0
       ;;
     *)
@@ -103,6 +105,7 @@ run_all() {
   done
   if ((install_check)); then
     step "install check" "$root/scripts/check-install.sh" "$root/build/dev" || return 1
+    step "debian packages" "$root/scripts/build-packages.sh" || return 1
   fi
 }
 
