@@ -168,8 +168,9 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
   return r;
 }
 
-// Reads the options. Returns the exit code when velad must stop at once
-// (after --help, or on an unknown or malformed option, with CLI11's message).
+// Reads the options. Returns the exit code when velad must stop at once:
+// 0 after --help or --version, 2 on an unknown or malformed option, with
+// CLI11's message (whose own codes would read as something else).
 [[nodiscard]] std::optional<int> parseOptions(int argc, char** argv, Options& options) {
   CLI::App app{"velad: serves com.zentrex.VelaNotification on the system or session bus"};
   app.set_version_flag("--version", "velad " VELA_VERSION, "print velad's version and exit");
@@ -195,7 +196,7 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     std::ostringstream complaint;
     const int code = app.exit(e, std::cout, complaint);
     daemon::logLines(daemon::LogLevel::kError, complaint.str());
-    return code;
+    return code == 0 ? 0 : 2;
   }
   return std::nullopt;
 }

@@ -244,5 +244,15 @@ TEST(Velad, ServesItsTestingInterfaceOnTheSessionBusOnly) {
   EXPECT_EQ(Subprocess::run({VeladProcess::path(), "--bus=system", "--testing"}), (ExitStatus{.code = 2, .signal = 0}));
 }
 
+// A service manager, or a person, tells a mistyped command line from a
+// failure to serve by the status alone.
+TEST(Velad, EndsAUsageErrorWithStatusTwo) {
+  const PrivateBus bus;
+  constexpr ExitStatus kUsageError{.code = 2, .signal = 0};
+  EXPECT_EQ(Subprocess::run({VeladProcess::path(), "--no-such-option"}), kUsageError);
+  EXPECT_EQ(Subprocess::run({VeladProcess::path(), "--bus=elsewhere"}), kUsageError);
+  EXPECT_EQ(Subprocess::run({VeladProcess::path(), "--version"}), ExitStatus{});
+}
+
 }  // namespace
 }  // namespace vela::testing
