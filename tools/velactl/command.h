@@ -27,14 +27,23 @@ struct Outcome {
 // The chosen subcommand's work, set while the command line is parsed.
 using Action = std::function<Outcome()>;
 
-// Each group of subcommands registers itself on the app; the subcommand's
-// callback stores its action in `chosen`.
+// Each group of subcommands registers itself on the app with addCommand; the
+// subcommand's callback stores its action in `chosen`.
 void addLocatingCommands(CLI::App& app, Action& chosen);
 void addTopicCommands(CLI::App& app, Action& chosen);
 void addLostModeCommands(CLI::App& app, Action& chosen);
 void addPrefsCommands(CLI::App& app, Action& chosen);
 void addVettingCommands(CLI::App& app, Action& chosen);
 void addKithCommands(CLI::App& app, Action& chosen);
+
+// Registering a subcommand costs more than the call a short-lived velactl
+// makes, so only the one the command line names is registered. Empty (help,
+// the command list, a name no command has): every one.
+void registerOnly(std::string_view named);
+
+// The subcommand `name` of `app`, added now; nullptr when the command line
+// names another (see registerOnly).
+CLI::App* addCommand(CLI::App& app, const char* name, const char* help);
 
 // Ends a subcommand's --help with a note (when given) and one typical
 // invocation, so that every command shows how it is run.

@@ -118,59 +118,60 @@ struct AccountOptions {
 };
 
 void addAccountCommand(CLI::App& app, Action& chosen) {
-  auto* command = app.add_subcommand("add-kith-account", "Give the daemon the friends-locating account");
-  auto options = std::make_shared<AccountOptions>();
-  auto addString = [command](OptionalString& target, const char* name, const char* help) {
-    target.option = command->add_option(name, target.value, help);
-  };
-  addString(options->dsid, "--dsid", "The account's identifier at the service");
-  addString(options->username, "--username", "The account's user name");
-  command->add_option("--app-auth-token-status", options->appAuthTokenStatus, "Status of the application token")
-      ->capture_default_str();
-  addString(options->additionalInfo, "--additional-info", "Further account information, as JSON");
-  options->additionalInfo.option->check(
-      [](const std::string& text) {
-        std::string whyNot;
-        return fromJsonText(text, &whyNot) ? std::string() : whyNot;
-      },
-      "JSON");
-  addString(options->velaServerHost, "--vela-server-host", "Host of the account's service server");
-  addString(options->velaServerProtocolScheme, "--vela-server-protocol-scheme", "Protocol scheme for that server");
-  addString(options->velaRelayEnvironment, "--vela-relay-environment", "The account's push-service environment");
-  command->add_option("--tokens-from", options->tokensFrom,
-                      R"(Read the tokens from FILE ("-": standard input) as {"appAuthToken": ..., )"
-                      R"("internalAuthToken": ...}; without it both are nil)");
-  // Whoever still passes a token as an option is told where it goes instead;
-  // the options are hidden.
-  for (const std::string name : {"--app-auth-token", "--internal-auth-token"}) {
-    command
-        ->add_option_function<std::string>(name,
-                                           [name](const std::string&) {
-                                             throw CLI::ValidationError(
-                                                 name,
-                                                 "tokens are not taken on the command line, where other users can "
-                                                 "see them; pass them with --tokens-from FILE or --tokens-from - "
-                                                 "(standard input)");
-                                           })
-        ->expected(0, 1)
-        ->group("");
-  }
-  addExample(command,
-             R"(echo '{"appAuthToken": "...", "internalAuthToken": "..."}' | velactl add-kith-account )"
-             R"(--username ann@example.org --dsid 1234567 --tokens-from -)",
-             "A string option left out is nil; an empty one is the empty string. A token left out of the "
-             "tokens input, or null there, is nil too.");
-  command->callback([&chosen, options] {
-    // Read while parsing, so that unreadable tokens are a usage error and
-    // nothing is sent.
-    if (!options->tokensFrom.empty()) {
-      const std::string whyNot = readTokens(options->tokensFrom, options->tokens);
-      if (!whyNot.empty()) throw CLI::ValidationError("--tokens-from", whyNot);
-    }
-    chosen = [options] {
-      return Outcome{nullptr, VelaNotifySession::sharedInstance()->addKithAccount(options->record())};
+  if (auto* command = addCommand(app, "add-kith-account", "Give the daemon the friends-locating account")) {
+    auto options = std::make_shared<AccountOptions>();
+    auto addString = [command](OptionalString& target, const char* name, const char* help) {
+      target.option = command->add_option(name, target.value, help);
     };
-  });
+    addString(options->dsid, "--dsid", "The account's identifier at the service");
+    addString(options->username, "--username", "The account's user name");
+    command->add_option("--app-auth-token-status", options->appAuthTokenStatus, "Status of the application token")
+        ->capture_default_str();
+    addString(options->additionalInfo, "--additional-info", "Further account information, as JSON");
+    options->additionalInfo.option->check(
+        [](const std::string& text) {
+          std::string whyNot;
+          return fromJsonText(text, &whyNot) ? std::string() : whyNot;
+        },
+        "JSON");
+    addString(options->velaServerHost, "--vela-server-host", "Host of the account's service server");
+    addString(options->velaServerProtocolScheme, "--vela-server-protocol-scheme", "Protocol scheme for that server");
+    addString(options->velaRelayEnvironment, "--vela-relay-environment", "The account's push-service environment");
+    command->add_option("--tokens-from", options->tokensFrom,
+                        R"(Read the tokens from FILE ("-": standard input) as {"appAuthToken": ..., )"
+                        R"("internalAuthToken": ...}; without it both are nil)");
+    // Whoever still passes a token as an option is told where it goes instead;
+    // the options are hidden.
+    for (const std::string name : {"--app-auth-token", "--internal-auth-token"}) {
+      command
+          ->add_option_function<std::string>(name,
+                                             [name](const std::string&) {
+                                               throw CLI::ValidationError(
+                                                   name,
+                                                   "tokens are not taken on the command line, where other users can "
+                                                   "see them; pass them with --tokens-from FILE or --tokens-from - "
+                                                   "(standard input)");
+                                             })
+          ->expected(0, 1)
+          ->group("");
+    }
+    addExample(command,
+               R"(echo '{"appAuthToken": "...", "internalAuthToken": "..."}' | velactl add-kith-account )"
+               R"(--username ann@example.org --dsid 1234567 --tokens-from -)",
+               "A string option left out is nil; an empty one is the empty string. A token left out of the "
+               "tokens input, or null there, is nil too.");
+    command->callback([&chosen, options] {
+      // Read while parsing, so that unreadable tokens are a usage error and
+      // nothing is sent.
+      if (!options->tokensFrom.empty()) {
+        const std::string whyNot = readTokens(options->tokensFrom, options->tokens);
+        if (!whyNot.empty()) throw CLI::ValidationError("--tokens-from", whyNot);
+      }
+      chosen = [options] {
+        return Outcome{nullptr, VelaNotifySession::sharedInstance()->addKithAccount(options->record())};
+      };
+    });
+  }
 }
 
 // A region known only by its identifier, which is all the daemon is told.
@@ -207,34 +208,35 @@ using RegionEvent = void (VelaNotifySession::*)(const GeoRegion*, const GeoLocat
 
 // Region events are sent without an answer: the result is always null.
 void addRegionCommand(CLI::App& app, Action& chosen, const char* name, const char* help, RegionEvent event) {
-  auto* command = app.add_subcommand(name, help);
-  addExample(command,
-             std::string("velactl ") + name +
-                 " --identifier home --latitude 48.5 --longitude -122.25 --horizontal-accuracy 5 "
-                 "--timestamp 1700000000",
-             "Unless a polkit rule allows it, only root and velad's own user may report regions. It is sent "
-             "without an answer, so velactl cannot report a refusal.");
-  auto options = std::make_shared<RegionEventOptions>();
-  options->identifier.option =
-      command->add_option("--identifier", options->identifier.value, "The region's identifier (left out: nil)");
-  command->add_option("--latitude", options->latitude, "Degrees")->capture_default_str();
-  command->add_option("--longitude", options->longitude, "Degrees")->capture_default_str();
-  command->add_option("--altitude", options->altitude, "Metres")->capture_default_str();
-  command->add_option("--horizontal-accuracy", options->horizontalAccuracy, "Metres")->capture_default_str();
-  command->add_option("--vertical-accuracy", options->verticalAccuracy, "Metres")->capture_default_str();
-  command->add_option("--course", options->course, "Degrees")->capture_default_str();
-  command->add_option("--speed", options->speed, "Metres per second")->capture_default_str();
-  options->timestampOption =
-      command->add_option("--timestamp", options->timestamp, "Seconds since 1970-01-01 UTC (left out: nil)");
-  command->callback([&chosen, options, event] {
-    chosen = [options, event] {
-      const NamedRegion region(options->identifier.get());
-      const GeoLocation location = options->location();
-      (*VelaNotifySession::sharedInstance().*event)(&region, &location);
-      awaitDelivery();
-      return Outcome{nullptr, std::nullopt};
-    };
-  });
+  if (auto* command = addCommand(app, name, help)) {
+    addExample(command,
+               std::string("velactl ") + name +
+                   " --identifier home --latitude 48.5 --longitude -122.25 --horizontal-accuracy 5 "
+                   "--timestamp 1700000000",
+               "Unless a polkit rule allows it, only root and velad's own user may report regions. It is sent "
+               "without an answer, so velactl cannot report a refusal.");
+    auto options = std::make_shared<RegionEventOptions>();
+    options->identifier.option =
+        command->add_option("--identifier", options->identifier.value, "The region's identifier (left out: nil)");
+    command->add_option("--latitude", options->latitude, "Degrees")->capture_default_str();
+    command->add_option("--longitude", options->longitude, "Degrees")->capture_default_str();
+    command->add_option("--altitude", options->altitude, "Metres")->capture_default_str();
+    command->add_option("--horizontal-accuracy", options->horizontalAccuracy, "Metres")->capture_default_str();
+    command->add_option("--vertical-accuracy", options->verticalAccuracy, "Metres")->capture_default_str();
+    command->add_option("--course", options->course, "Degrees")->capture_default_str();
+    command->add_option("--speed", options->speed, "Metres per second")->capture_default_str();
+    options->timestampOption =
+        command->add_option("--timestamp", options->timestamp, "Seconds since 1970-01-01 UTC (left out: nil)");
+    command->callback([&chosen, options, event] {
+      chosen = [options, event] {
+        const NamedRegion region(options->identifier.get());
+        const GeoLocation location = options->location();
+        (*VelaNotifySession::sharedInstance().*event)(&region, &location);
+        awaitDelivery();
+        return Outcome{nullptr, std::nullopt};
+      };
+    });
+  }
 }
 
 }  // namespace
@@ -242,29 +244,31 @@ void addRegionCommand(CLI::App& app, Action& chosen, const char* name, const cha
 void addKithCommands(CLI::App& app, Action& chosen) {
   addAccountCommand(app, chosen);
 
-  auto* remove = app.add_subcommand("remove-kith-account-with-username",
-                                    "Ask the daemon to forget the friends-locating account with this user name");
-  auto username = std::make_shared<OptionalString>();
-  username->option = remove->add_option("username,--username", username->value, "The user name (left out: nil)");
-  addExample(remove, "pkexec velactl remove-kith-account-with-username ann@example.org");
-  remove->callback([&chosen, username] {
-    chosen = [username] {
-      return Outcome{nullptr, VelaNotifySession::sharedInstance()->removeKithAccountWithUsername(username->get())};
-    };
-  });
+  if (auto* remove = addCommand(app, "remove-kith-account-with-username",
+                                "Ask the daemon to forget the friends-locating account with this user name")) {
+    auto username = std::make_shared<OptionalString>();
+    username->option = remove->add_option("username,--username", username->value, "The user name (left out: nil)");
+    addExample(remove, "pkexec velactl remove-kith-account-with-username ann@example.org");
+    remove->callback([&chosen, username] {
+      chosen = [username] {
+        return Outcome{nullptr, VelaNotifySession::sharedInstance()->removeKithAccountWithUsername(username->get())};
+      };
+    });
+  }
 
-  auto* retrieve = app.add_subcommand("retrieve-kith-account", "The daemon's friends-locating account");
-  auto showTokens = std::make_shared<bool>(false);
-  retrieve->add_flag("--show-tokens", *showTokens, "Print the authentication tokens instead of \"(not-nil)\"");
-  addExample(retrieve, "pkexec velactl --json retrieve-kith-account --show-tokens",
-             "The daemon gives the tokens only to a caller allowed to read them; others see them as null.");
-  retrieve->callback([&chosen, showTokens] {
-    chosen = [showTokens] {
-      std::shared_ptr<VelaKithAccountInfo> account;
-      auto error = VelaNotifySession::sharedInstance()->retrieveKithAccount(account);
-      return Outcome{accountToJson(account, *showTokens), std::move(error)};
-    };
-  });
+  if (auto* retrieve = addCommand(app, "retrieve-kith-account", "The daemon's friends-locating account")) {
+    auto showTokens = std::make_shared<bool>(false);
+    retrieve->add_flag("--show-tokens", *showTokens, "Print the authentication tokens instead of \"(not-nil)\"");
+    addExample(retrieve, "pkexec velactl --json retrieve-kith-account --show-tokens",
+               "The daemon gives the tokens only to a caller allowed to read them; others see them as null.");
+    retrieve->callback([&chosen, showTokens] {
+      chosen = [showTokens] {
+        std::shared_ptr<VelaKithAccountInfo> account;
+        auto error = VelaNotifySession::sharedInstance()->retrieveKithAccount(account);
+        return Outcome{accountToJson(account, *showTokens), std::move(error)};
+      };
+    });
+  }
 
   addRegionCommand(app, chosen, "did-enter-kith-region", "Tell the daemon the device entered a friends region",
                    &VelaNotifySession::didEnterKithRegion);

@@ -16,20 +16,22 @@ nlohmann::json optionalValue(const std::optional<VelaDictionary>& value) {
 
 void addQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
               std::optional<std::string> (VelaNotifySession::*query)()) {
-  auto* command = app.add_subcommand(name, help);
-  addExample(command, std::string("velactl ") + name);
-  command->callback([&chosen, query] {
-    chosen = [query] { return Outcome{toJson((*VelaNotifySession::sharedInstance().*query)()), {}}; };
-  });
+  if (auto* command = addCommand(app, name, help)) {
+    addExample(command, std::string("velactl ") + name);
+    command->callback([&chosen, query] {
+      chosen = [query] { return Outcome{toJson((*VelaNotifySession::sharedInstance().*query)()), {}}; };
+    });
+  }
 }
 
 void addAccountQuery(CLI::App& app, Action& chosen, const char* name, const char* help,
                      std::optional<VelaDictionary> (VelaNotifySession::*query)()) {
-  auto* command = app.add_subcommand(name, help);
-  addExample(command, std::string("velactl --json ") + name, "Prints null when the daemon has no such account.");
-  command->callback([&chosen, query] {
-    chosen = [query] { return Outcome{optionalValue((*VelaNotifySession::sharedInstance().*query)()), {}}; };
-  });
+  if (auto* command = addCommand(app, name, help)) {
+    addExample(command, std::string("velactl --json ") + name, "Prints null when the daemon has no such account.");
+    command->callback([&chosen, query] {
+      chosen = [query] { return Outcome{optionalValue((*VelaNotifySession::sharedInstance().*query)()), {}}; };
+    });
+  }
 }
 
 }  // namespace
@@ -44,75 +46,81 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
   addAccountQuery(app, chosen, "nimbus-account", "The cloud account of the device's user",
                   &VelaNotifySession::nimbusAccount);
 
-  auto* copy = app.add_subcommand("copy-store-account", "The store account, through the shared session");
-  addExample(copy, "velactl copy-store-account");
-  copy->callback([&chosen] { chosen = [] { return Outcome{toJson(VelaNotifySession::copyStoreAccount()), {}}; }; });
+  if (auto* copy = addCommand(app, "copy-store-account", "The store account, through the shared session")) {
+    addExample(copy, "velactl copy-store-account");
+    copy->callback([&chosen] { chosen = [] { return Outcome{toJson(VelaNotifySession::copyStoreAccount()), {}}; }; });
+  }
 
-  auto* all = app.add_subcommand("retrieve-all-accounts", "Every account, keyed by user name");
-  addExample(all, "velactl --json retrieve-all-accounts");
-  all->callback([&chosen] {
-    chosen = [] {
-      std::optional<VelaDictionary> accounts;
-      VelaNotifySession::sharedInstance()->retrieveAllAccounts(accounts);
-      return Outcome{optionalValue(accounts), {}};
-    };
-  });
+  if (auto* all = addCommand(app, "retrieve-all-accounts", "Every account, keyed by user name")) {
+    addExample(all, "velactl --json retrieve-all-accounts");
+    all->callback([&chosen] {
+      chosen = [] {
+        std::optional<VelaDictionary> accounts;
+        VelaNotifySession::sharedInstance()->retrieveAllAccounts(accounts);
+        return Outcome{optionalValue(accounts), {}};
+      };
+    });
+  }
 
   static int waitMs = 10000;
-  auto* state = app.add_subcommand("locus-state", "The daemon's locating state (1 and 2 are settled)");
-  state->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
-  addExample(state, "velactl locus-state --wait-ms 2000");
-  state->callback([&chosen] {
-    chosen = [] {
-      using Answer = std::pair<std::int32_t, std::optional<VelaError>>;
-      auto done = std::make_shared<Completion<Answer>>();
-      VelaNotifySession::sharedInstance()->locusStateWithCompletion(
-          [done](std::int32_t value, std::optional<VelaError> error) {
-            done->set({value, std::move(error)});
-          });
-      auto answer = done->wait(std::chrono::milliseconds(waitMs));
-      if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
-      return Outcome{answer->first, std::move(answer->second)};
-    };
-  });
+  if (auto* state = addCommand(app, "locus-state", "The daemon's locating state (1 and 2 are settled)")) {
+    state->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
+    addExample(state, "velactl locus-state --wait-ms 2000");
+    state->callback([&chosen] {
+      chosen = [] {
+        using Answer = std::pair<std::int32_t, std::optional<VelaError>>;
+        auto done = std::make_shared<Completion<Answer>>();
+        VelaNotifySession::sharedInstance()->locusStateWithCompletion(
+            [done](std::int32_t value, std::optional<VelaError> error) {
+              done->set({value, std::move(error)});
+            });
+        auto answer = done->wait(std::chrono::milliseconds(waitMs));
+        if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
+        return Outcome{answer->first, std::move(answer->second)};
+      };
+    });
+  }
 
-  auto* inProgress = app.add_subcommand("is-locus-state-change-in-progress", "Whether locating is switching");
-  inProgress->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
-  addExample(inProgress, "velactl is-locus-state-change-in-progress");
-  inProgress->callback([&chosen] {
-    chosen = [] {
-      using Answer = std::pair<bool, std::optional<VelaError>>;
-      auto done = std::make_shared<Completion<Answer>>();
-      VelaNotifySession::sharedInstance()->isLocusStateChangeInProgressWithCompletion(
-          [done](bool value, std::optional<VelaError> error) {
-            done->set({value, std::move(error)});
-          });
-      auto answer = done->wait(std::chrono::milliseconds(waitMs));
-      if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
-      return Outcome{answer->first, std::move(answer->second)};
-    };
-  });
+  if (auto* inProgress = addCommand(app, "is-locus-state-change-in-progress", "Whether locating is switching")) {
+    inProgress->add_option("--wait-ms", waitMs, "How long to wait for the answer")->capture_default_str();
+    addExample(inProgress, "velactl is-locus-state-change-in-progress");
+    inProgress->callback([&chosen] {
+      chosen = [] {
+        using Answer = std::pair<bool, std::optional<VelaError>>;
+        auto done = std::make_shared<Completion<Answer>>();
+        VelaNotifySession::sharedInstance()->isLocusStateChangeInProgressWithCompletion(
+            [done](bool value, std::optional<VelaError> error) {
+              done->set({value, std::move(error)});
+            });
+        auto answer = done->wait(std::chrono::milliseconds(waitMs));
+        if (!answer) return Outcome{nullptr, VelaError(std::string(kVelaErrorDomain), VelaErrorCodeTimedOut)};
+        return Outcome{answer->first, std::move(answer->second)};
+      };
+    });
+  }
 
   static std::int32_t context = 0;
-  auto* enable = app.add_subcommand("enable-locus", "Switch device locating on");
-  enable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
-  addExample(enable, "pkexec velactl enable-locus --context 1",
-             "Needs authorization: an unprivileged user runs it through pkexec.");
-  enable->callback([&chosen] {
-    chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLocusInContext(context)}; };
-  });
+  if (auto* enable = addCommand(app, "enable-locus", "Switch device locating on")) {
+    enable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+    addExample(enable, "pkexec velactl enable-locus --context 1",
+               "Needs authorization: an unprivileged user runs it through pkexec.");
+    enable->callback([&chosen] {
+      chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLocusInContext(context)}; };
+    });
+  }
 
   static OptionalString token;
-  auto* disable = app.add_subcommand("disable-locus", "Switch device locating off");
-  token.option = disable->add_option("--token", token.value, "Token passed to the daemon (left out: nil)");
-  disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
-  addExample(disable, "pkexec velactl disable-locus --token \"\"",
-             "Needs authorization. An empty --token is the empty string; leaving it out sends nil.");
-  disable->callback([&chosen] {
-    chosen = [] {
-      return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token.get(), context)};
-    };
-  });
+  if (auto* disable = addCommand(app, "disable-locus", "Switch device locating off")) {
+    token.option = disable->add_option("--token", token.value, "Token passed to the daemon (left out: nil)");
+    disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+    addExample(disable, "pkexec velactl disable-locus --token \"\"",
+               "Needs authorization. An empty --token is the empty string; leaving it out sends nil.");
+    disable->callback([&chosen] {
+      chosen = [] {
+        return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token.get(), context)};
+      };
+    });
+  }
 }
 
 }  // namespace velactl

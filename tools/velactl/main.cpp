@@ -12,6 +12,23 @@
 #include "command.h"
 #include "json_value.h"
 
+namespace velactl {
+namespace {
+
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): set once, before any command is added
+std::string_view onlyCommand;
+
+}  // namespace
+
+void registerOnly(std::string_view named) { onlyCommand = named; }
+
+CLI::App* addCommand(CLI::App& app, const char* name, const char* help) {
+  if (!onlyCommand.empty() && onlyCommand != name) return nullptr;
+  return app.add_subcommand(name, help);
+}
+
+}  // namespace velactl
+
 namespace {
 
 // velactl's exit statuses. A script tells a failed operation from a mistyped
@@ -128,15 +145,15 @@ unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
   app.require_subcommand(1);
   app.fallthrough();
   velactl::Action chosen;
-  // Registering every subcommand costs more than the call a short-lived
-  // velactl makes: groups are added only up to the one that has the named
-  // subcommand, and all of them for help or a name that none has.
   const std::string_view named = subcommandName(argc, argv);
-  for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
-                         velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
-    add(app, chosen);
-    if (!named.empty() && hasSubcommand(app, named)) break;
-  }
+  const auto addAll = [&app, &chosen] {
+    for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
+                           velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
+      add(app, chosen);
+    }
+  };
+  velactl::registerOnly(named);
+  addAll();
   // Set last: subcommands start with their parent's footer, and each has its own.
   app.footer(kFooter);
   if (!named.empty() && !hasSubcommand(app, named)) {

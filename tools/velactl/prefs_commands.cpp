@@ -27,7 +27,8 @@ CLI::App* addKeyCommand(CLI::App& prefs, const std::shared_ptr<PrefsOptions>& op
 }  // namespace
 
 void addPrefsCommands(CLI::App& app, Action& chosen) {
-  auto* prefs = app.add_subcommand("prefs", "Read and write the preference store, any domain");
+  auto* prefs = addCommand(app, "prefs", "Read and write the preference store, any domain");
+  if (prefs == nullptr) return;
   prefs->require_subcommand(1);
   addExample(prefs, "velactl prefs list --domain com.zentrex.VelaNotification.public.notbackedup",
              "Run `velactl prefs COMMAND --help` for each command's arguments.");

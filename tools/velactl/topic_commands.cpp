@@ -11,17 +11,18 @@ using SendString = void (VelaNotifySession::*)(std::optional<std::string>);
 // These requests are sent without an answer: the result is always null.
 void addSendCommand(CLI::App& app, Action& chosen, const char* name, const char* help, const char* optionName,
                     const char* example, SendString send) {
-  auto* command = app.add_subcommand(name, help);
-  addExample(command, example);
-  auto argument = std::make_shared<OptionalString>();
-  argument->option = command->add_option(optionName, argument->value, "Passed unchanged (left out: nil)");
-  command->callback([&chosen, argument, send] {
-    chosen = [argument, send] {
-      (*VelaNotifySession::sharedInstance().*send)(argument->get());
-      awaitDelivery();
-      return Outcome{nullptr, {}};
-    };
-  });
+  if (auto* command = addCommand(app, name, help)) {
+    addExample(command, example);
+    auto argument = std::make_shared<OptionalString>();
+    argument->option = command->add_option(optionName, argument->value, "Passed unchanged (left out: nil)");
+    command->callback([&chosen, argument, send] {
+      chosen = [argument, send] {
+        (*VelaNotifySession::sharedInstance().*send)(argument->get());
+        awaitDelivery();
+        return Outcome{nullptr, {}};
+      };
+    });
+  }
 }
 
 }  // namespace

@@ -57,42 +57,44 @@ struct VetOptions {
 }  // namespace
 
 void addVettingCommands(CLI::App& app, Action& chosen) {
-  auto* vet = app.add_subcommand("vet-email-account", "Ask the daemon to vet an e-mail address");
-  auto options = std::make_shared<VetOptions>();
-  options->account.option = vet->add_option("account", options->account.value, "The address (left out: nil)");
-  vet->add_flag("--wait", options->wait, "Run the main loop and print each result and the finish as they arrive");
-  vet->add_option("--timeout-ms", options->timeoutMs, "With --wait: stop waiting for the finish after this long")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
-  addExample(vet, "velactl --json vet-email-account someone@example.org --wait",
-             "Without --wait velactl only sends the request; with it, each result and the finish print as they "
-             "arrive, and not finishing in time makes the exit status 1.");
-  vet->callback([&chosen, options] {
-    chosen = [options] {
-      auto session = VelaNotifySession::sharedInstance();
-      auto delegate = std::make_shared<PrintingDelegate>();
-      if (options->wait) session->setDelegate(delegate);
-      Outcome outcome{nullptr, session->vetEmailAccount(options->account.get())};
-      if (!options->wait || !options->account.get()) return outcome;
-      // Delegate calls run only inside the main loop, so they print after the
-      // request's own outcome.
-      outcome.then = [delegate, timeout = std::chrono::milliseconds(options->timeoutMs)](bool json) {
-        delegate->printJson(json);
-        VelaMainThread::runFor(timeout);
-        if (delegate->finished()) return true;
-        std::cerr << "velactl: no finish within " << timeout.count() << " ms\n";
-        return false;
+  if (auto* vet = addCommand(app, "vet-email-account", "Ask the daemon to vet an e-mail address")) {
+    auto options = std::make_shared<VetOptions>();
+    options->account.option = vet->add_option("account", options->account.value, "The address (left out: nil)");
+    vet->add_flag("--wait", options->wait, "Run the main loop and print each result and the finish as they arrive");
+    vet->add_option("--timeout-ms", options->timeoutMs, "With --wait: stop waiting for the finish after this long")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    addExample(vet, "velactl --json vet-email-account someone@example.org --wait",
+               "Without --wait velactl only sends the request; with it, each result and the finish print as they "
+               "arrive, and not finishing in time makes the exit status 1.");
+    vet->callback([&chosen, options] {
+      chosen = [options] {
+        auto session = VelaNotifySession::sharedInstance();
+        auto delegate = std::make_shared<PrintingDelegate>();
+        if (options->wait) session->setDelegate(delegate);
+        Outcome outcome{nullptr, session->vetEmailAccount(options->account.get())};
+        if (!options->wait || !options->account.get()) return outcome;
+        // Delegate calls run only inside the main loop, so they print after the
+        // request's own outcome.
+        outcome.then = [delegate, timeout = std::chrono::milliseconds(options->timeoutMs)](bool json) {
+          delegate->printJson(json);
+          VelaMainThread::runFor(timeout);
+          if (delegate->finished()) return true;
+          std::cerr << "velactl: no finish within " << timeout.count() << " ms\n";
+          return false;
+        };
+        return outcome;
       };
-      return outcome;
-    };
-  });
+    });
+  }
 
-  auto* cancel =
-      app.add_subcommand("cancel-email-vet", "Stop listening for vetting results and ask the daemon to cancel");
-  addExample(cancel, "velactl cancel-email-vet");
-  cancel->callback([&chosen] {
-    chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->cancelEmailVet()}; };
-  });
+  if (auto* cancel =
+          addCommand(app, "cancel-email-vet", "Stop listening for vetting results and ask the daemon to cancel")) {
+    addExample(cancel, "velactl cancel-email-vet");
+    cancel->callback([&chosen] {
+      chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->cancelEmailVet()}; };
+    });
+  }
 }
 
 }  // namespace velactl
