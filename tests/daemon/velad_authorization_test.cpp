@@ -100,7 +100,7 @@ TEST_F(VeladAsTheSystemService, AllowsOtherUsersOnlyWhatPolkitAllows) {
   const auto [enableCode, enableReason] = refusal(asNobody("enable-locus"));
   EXPECT_EQ(enableCode, kInteractiveAuthorizationRequired);
   EXPECT_NE(enableReason.find("com.zentrex.VelaNotification.Warden.modify"), std::string::npos) << enableReason;
-  const auto [disableCode, disableReason] = refusal(asNobody("disable-locus --token t"));
+  const auto [disableCode, disableReason] = refusal(asNobody("disable-locus --token-from -", "t"));
   EXPECT_EQ(disableCode, kNotAuthorized);
   EXPECT_NE(disableReason.find("com.zentrex.VelaNotification.Warden.remove"), std::string::npos) << disableReason;
   EXPECT_EQ(asNobody("locus-device-id").at("velaLastOperationResult"), kInteractiveAuthorizationRequired);
@@ -246,7 +246,7 @@ TEST_F(VeladAsAnUnprivilegedService, ServesEveryUserWithinWhatPolkitAllows) {
   // process: a challenge, not the refusal it gives when polkit cannot answer.
   EXPECT_EQ(asNobody("locus-state").at("velaLastOperationResult"), 0);
   EXPECT_EQ(refusal(asNobody("enable-locus")).first, kInteractiveAuthorizationRequired);
-  EXPECT_EQ(refusal(asNobody("disable-locus --token t")).first, kNotAuthorized);
+  EXPECT_EQ(refusal(asNobody("disable-locus --token-from -", "t")).first, kNotAuthorized);
   EXPECT_TRUE(asRoot("enable-locus").at("error").is_null());
 
   // Its files are its user's; the service's preferences are every user's to read.

@@ -56,11 +56,15 @@ TEST_F(Velactl, TellsALeftOutOptionFromAnEmptyOne) {
   answerWith(member::kDisableLocusUsingToken.name, {});
   ASSERT_TRUE(control_->clearCallLog());
   EXPECT_EQ(velactl("disable-locus").exitCode, 0);
-  EXPECT_EQ(velactl("disable-locus --token ''").exitCode, 0);
+  EXPECT_EQ(velactl("disable-locus --token-from -", "").exitCode, 0);
+  EXPECT_EQ(velactl("disable-locus --token-from -", "s3cret\n").exitCode, 0);
+  // A token on the command line is refused before anything is sent.
+  EXPECT_EQ(velactl("disable-locus --token s3cret").exitCode, 2);
   const auto calls = callsTo(member::kDisableLocusUsingToken.name);
-  ASSERT_EQ(calls.size(), 2U);
+  ASSERT_EQ(calls.size(), 3U);
   EXPECT_FALSE(calls[0].args.contains("token"));
   EXPECT_EQ(calls[1].args.at("token"), VelaValue(""));
+  EXPECT_EQ(calls[2].args.at("token"), VelaValue("s3cret"));
 }
 
 TEST_F(Velactl, ShowsATimeOutAsCode106AndFails) {

@@ -1,8 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iostream>
 #include <memory>
 #include <string>
 
@@ -11,6 +7,7 @@
 
 #include "command.h"
 #include "json_value.h"
+#include "secret_input.h"
 
 namespace velactl {
 namespace {
@@ -37,9 +34,8 @@ nlohmann::json accountToJson(const std::shared_ptr<VelaKithAccountInfo>& account
   };
 }
 
-// The account's tokens never come from the command line, which every user of
-// the machine can read (ps, /proc/PID/cmdline) and which shells keep in their
-// history: they come from a file or standard input, as one JSON object,
+// The account's tokens come from a file or standard input (see
+// secret_input.h), as one JSON object,
 // {"appAuthToken": "...", "internalAuthToken": "..."}. A key left out, or
 // null, is nil. Any other key is refused, so that a misspelt one cannot
 // silently send a nil token.
@@ -47,8 +43,6 @@ struct Tokens {
   std::optional<std::string> appAuthToken;
   std::optional<std::string> internalAuthToken;
 };
-
-constexpr std::size_t kMaxTokensInput = std::size_t{64} * 1024;
 
 // Empty when `text` holds tokens, else why not.
 std::string parseTokens(const std::string& text, Tokens& tokens) {
@@ -73,19 +67,9 @@ std::string parseTokens(const std::string& text, Tokens& tokens) {
 // Reads the tokens from `source`, a file name or "-" for standard input.
 // Empty on success, else why not.
 std::string readTokens(const std::string& source, Tokens& tokens) {
-  std::ifstream file;
-  std::istream* in = &std::cin;
-  if (source != "-") {
-    file.open(source, std::ios::binary);
-    if (!file) return "cannot read " + source + ": " + std::strerror(errno);
-    in = &file;
-  }
-  std::string text(kMaxTokensInput + 1, '\0');
-  in->read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in->bad()) return "cannot read " + (source == "-" ? std::string("standard input") : source);
-  text.resize(static_cast<std::size_t>(in->gcount()));
-  if (text.size() > kMaxTokensInput) return "more than " + std::to_string(kMaxTokensInput) + " bytes";
-  return parseTokens(text, tokens);
+  std::string text;
+  const std::string whyNot = readSecretInput(source, text);
+  return whyNot.empty() ? parseTokens(text, tokens) : whyNot;
 }
 
 struct AccountOptions {
@@ -140,21 +124,8 @@ void addAccountCommand(CLI::App& app, Action& chosen) {
     command->add_option("--tokens-from", options->tokensFrom,
                         R"(Read the tokens from FILE ("-": standard input) as {"appAuthToken": ..., )"
                         R"("internalAuthToken": ...}; without it both are nil)");
-    // Whoever still passes a token as an option is told where it goes instead;
-    // the options are hidden.
-    for (const std::string name : {"--app-auth-token", "--internal-auth-token"}) {
-      command
-          ->add_option_function<std::string>(name,
-                                             [name](const std::string&) {
-                                               throw CLI::ValidationError(
-                                                   name,
-                                                   "tokens are not taken on the command line, where other users can "
-                                                   "see them; pass them with --tokens-from FILE or --tokens-from - "
-                                                   "(standard input)");
-                                             })
-          ->expected(0, 1)
-          ->group("");
-    }
+    refuseSecretOption(*command, "--app-auth-token", "--tokens-from");
+    refuseSecretOption(*command, "--internal-auth-token", "--tokens-from");
     addExample(command,
                R"(echo '{"appAuthToken": "...", "internalAuthToken": "..."}' | velactl add-kith-account )"
                R"(--username ann@example.org --dsid 1234567 --tokens-from -)",

@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "json_value.h"
+#include "secret_input.h"
 
 namespace velactl {
 namespace {
@@ -109,15 +110,29 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
     });
   }
 
-  static OptionalString token;
+  // The token may be a secret: it comes from a file or standard input, its
+  // whole content but one final line break. Left out, it is nil.
+  static std::string tokenFrom;
   if (auto* disable = addCommand(app, "disable-locus", "Switch device locating off")) {
-    token.option = disable->add_option("--token", token.value, "Token passed to the daemon (left out: nil)");
+    disable->add_option("--token-from", tokenFrom,
+                        R"(Read the token from FILE ("-": standard input); without it the token is nil)");
+    refuseSecretOption(*disable, "--token", "--token-from");
     disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
-    addExample(disable, "pkexec velactl disable-locus --token \"\"",
-               "Needs authorization. An empty --token is the empty string; leaving it out sends nil.");
+    addExample(disable, "printf '%s' \"$TOKEN\" | pkexec velactl disable-locus --token-from -",
+               "Needs authorization. An empty input is the empty string; leaving --token-from out sends nil.");
     disable->callback([&chosen] {
-      chosen = [] {
-        return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token.get(), context)};
+      // Read while parsing, so that an unreadable token is a usage error and
+      // nothing is sent.
+      std::optional<std::string> token;
+      if (!tokenFrom.empty()) {
+        std::string text;
+        const std::string whyNot = readSecretInput(tokenFrom, text);
+        if (!whyNot.empty()) throw CLI::ValidationError("--token-from", whyNot);
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        token = std::move(text);
+      }
+      chosen = [token = std::move(token)] {
+        return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token, context)};
       };
     });
   }
