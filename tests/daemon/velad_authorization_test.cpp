@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -20,6 +21,7 @@
 #include <nlohmann/json.hpp>
 #include <systemd/sd-bus.h>
 
+#include "busctl.h"
 #include "other_users.h"
 #include "polkit_daemon.h"
 #include "private_bus.h"
@@ -56,8 +58,8 @@ class VeladAsTheSystemService : public ::testing::Test {
     nobodysVelactl_ = runnableByEveryone(VELACTL_PATH, binaries()).command;
   }
 
-  void start(bool withPolkit) {
-    if (withPolkit) polkit_.emplace(*bus_, kRules);
+  void start(bool withPolkit, const std::string& rules = kRules) {
+    if (withPolkit) polkit_.emplace(*bus_, rules);
     velad_.emplace(std::vector<std::string>{}, VeladMode::kService);
   }
 
@@ -121,6 +123,68 @@ TEST_F(VeladAsTheSystemService, AllowsOtherUsersOnlyWhatPolkitAllows) {
 
   // Root is never put to polkit.
   EXPECT_TRUE(asRoot("enable-locus").at("error").is_null());
+}
+
+// Every guarded member, called raw by nobody: refused as its action's
+// defaults say, and carried out once a rule grants the action.
+struct GuardedCall {
+  const char* member;
+  const char* request;  // busctl's words after the a{sv} signature
+  const char* action;
+  std::int64_t refusedWith;  // under the defaults, for a caller outside any session
+};
+constexpr std::array kGuardedCalls = {
+    GuardedCall{"EnableLocusInContext", "1 context i 1", "Warden.modify", kInteractiveAuthorizationRequired},
+    GuardedCall{"EnableLostModeWithInfo", kNoKeys, "Warden.modify", kInteractiveAuthorizationRequired},
+    GuardedCall{"DisableLocusUsingToken", "1 context i 0", "Warden.remove", kNotAuthorized},
+    GuardedCall{"DisableLostMode", kNoKeys, "Warden.remove", kNotAuthorized},
+    GuardedCall{"RemoveKithAccountWithUsername", "1 username s bob", "kith-manage", kInteractiveAuthorizationRequired},
+    GuardedCall{"GetKithDeviceId", kNoKeys, "read-identity", kInteractiveAuthorizationRequired},
+    GuardedCall{"GetLocusDeviceId", kNoKeys, "read-identity", kInteractiveAuthorizationRequired},
+    GuardedCall{"GetStoreAccount", kNoKeys, "read-identity", kInteractiveAuthorizationRequired},
+    GuardedCall{"GetLocusAccount", kNoKeys, "read-identity", kInteractiveAuthorizationRequired},
+    GuardedCall{"GetNimbusAccount", kNoKeys, "read-identity", kInteractiveAuthorizationRequired},
+    GuardedCall{"DidEnterKithRegion", "1 regionIdentifier s home", "report-region", kNotAuthorized},
+    GuardedCall{"DidExitKithRegion", "1 regionIdentifier s home", "report-region", kNotAuthorized},
+    GuardedCall{"DumpDebugInfo", "1 argument s all", "debug", kInteractiveAuthorizationRequired},
+};
+
+class EveryGuardedMember : public VeladAsTheSystemService {
+ protected:
+  void SetUp() override {
+    VeladAsTheSystemService::SetUp();
+    if (!IsSkipped() && !onPath("busctl")) GTEST_SKIP() << "busctl (Debian package systemd) is not installed";
+  }
+
+  // The daemon error code of nobody's call, 0 when none came back.
+  std::int64_t codeForNobody(const GuardedCall& call) {
+    const std::optional<json> reply = busctlCall(bus_->address(), call.member, call.request, kAsNobody);
+    if (!reply) return -1;
+    const json::json_pointer code("/error/data/code/data");
+    return reply->contains(code) ? reply->at(code).get<std::int64_t>() : 0;
+  }
+};
+
+TEST_F(EveryGuardedMember, IsRefusedAsItsActionsDefaultsSay) {
+  start(true, "");
+  for (const GuardedCall& call : kGuardedCalls) {
+    EXPECT_EQ(codeForNobody(call), call.refusedWith) << call.member << " (" << call.action << ")";
+  }
+}
+
+TEST_F(EveryGuardedMember, IsCarriedOutWhenARuleGrantsItsAction) {
+  start(true, R"(polkit.addRule(function(action, subject) {
+  if (action.id.indexOf("com.zentrex.VelaNotification.") == 0 && subject.user == "nobody") return polkit.Result.YES;
+});)");
+  for (const GuardedCall& call : kGuardedCalls) {
+    const std::int64_t code = codeForNobody(call);
+    // Some are refused on their merits (no such account): never for authorization.
+    EXPECT_NE(code, kNotAuthorized) << call.member;
+    EXPECT_NE(code, kInteractiveAuthorizationRequired) << call.member;
+    EXPECT_NE(code, -1) << call.member;
+  }
+  asRoot("add-kith-account --username bob --tokens-from -", R"({"appAuthToken": "a"})");
+  EXPECT_EQ(asNobody("retrieve-kith-account --show-tokens").at("result").at("appAuthToken"), "a");
 }
 
 TEST_F(VeladAsTheSystemService, RefusesEverythingGuardedWhenPolkitIsAbsent) {
@@ -198,7 +262,7 @@ TEST_F(VeladAsTheSystemService, TellsPolkitWhetherTheCallerAllowsInteraction) {
     return std::string(kAsNobody) +
            " busctl --system --allow-interactive-authorization=" + (interactive ? "yes" : "no") +
            " call com.zentrex.VelaNotification /com/zentrex/VelaNotification "
-           "com.zentrex.VelaNotification.HandsetActions EnableLocusInContext a{sv} 1 context x 7";
+           "com.zentrex.VelaNotification.HandsetActions EnableLocusInContext a{sv} 1 context i 7";
   };
   constexpr std::uint32_t kAllowUserInteraction = 1;
   for (const bool interactive : {true, false}) {

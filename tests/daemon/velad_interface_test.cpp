@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include "busctl.h"
 #include "platform/bus/bus_names.h"
 #include "protocol/introspection.h"
 #include "protocol/names.h"
@@ -247,21 +248,6 @@ std::optional<Element> parsed(const std::string& xml, const std::string& what) {
   std::optional<Element> root = XmlReader(xml).document(whyNot);
   EXPECT_TRUE(root) << what << ": " << whyNot;
   return root;
-}
-
-bool onPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::istringstream directories(path != nullptr ? path : "");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    if (!directory.empty() && access((directory + "/" + program).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
-std::string shellQuoted(std::string_view word) {
-  std::string quoted = "'";
-  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
 }
 
 // Each published file, and the object velad describes it on.

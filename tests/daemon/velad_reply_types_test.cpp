@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "busctl.h"
 #include "daemon_errors.h"
 #include "protocol/introspection.h"
 #include "protocol/names.h"
@@ -36,24 +37,6 @@ using nlohmann::json;
 
 // key -> D-Bus type of the value in its variant.
 using TypeMap = std::map<std::string, std::string>;
-
-bool onPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::istringstream directories(path != nullptr ? path : "");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    if (directory.empty()) continue;
-    directory += '/';
-    directory += program;
-    if (access(directory.c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
-std::string shellQuoted(std::string_view word) {
-  std::string quoted = "'";
-  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
 
 std::string readFile(const char* path) {
   std::ifstream in(path);
@@ -108,9 +91,6 @@ std::map<std::string, TypeMap> publishedReplyKeys() {
   return keys;
 }
 
-// Requests are written as busctl takes them on a shell's command line: the
-// words after the signature a{sv}, an entry being "key <signature> <value>".
-constexpr const char* kNoKeys = "0";
 constexpr const char* kKithAccount =
     "1 account 'a{sv}' 3 '$class' s VelaKithAccountInfo username s bob appAuthTokenStatus i 7";
 constexpr const char* kRegion =
@@ -129,36 +109,8 @@ class VeladOnTheWire : public AVelad {
     AVelad::SetUp();
   }
 
-  // Calls `member` through busctl and returns the a{sv} it answered, as
-  // busctl printed it; nullopt, with a failure recorded, when the call failed
-  // or the answer is not one a{sv}.
   std::optional<json> busctlCall(std::string_view member, std::string_view request) {
-    std::string command = "busctl --json=short call --address=" + shellQuoted(bus_->address()) + " -- " +
-                          shellQuoted(protocol::kServiceName) + " " + shellQuoted(protocol::kObjectPath) + " " +
-                          shellQuoted(protocol::kHandsetActionsInterface) + " " + shellQuoted(member) + " 'a{sv}' " +
-                          std::string(request);
-    // busctl's complaints go to the test's stderr, next to its failures.
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    if (!pipe) {
-      ADD_FAILURE() << "cannot run " << command;
-      return std::nullopt;
-    }
-    std::string output;
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) output += buffer.data();
-    const int status = pclose(pipe.release());
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      ADD_FAILURE() << member << ": busctl ended with status " << status << " for " << command;
-      return std::nullopt;
-    }
-    // The whole answer: {"type": "<signature of the reply>", "data": [<each argument>]}.
-    const json answer = json::parse(output, nullptr, false);
-    if (answer.is_discarded() || answer.value("type", "") != "a{sv}" || !answer.contains("data") ||
-        answer["data"].size() != 1 || !answer["data"][0].is_object()) {
-      ADD_FAILURE() << member << " answered, in busctl's words: " << output;
-      return std::nullopt;
-    }
-    return answer["data"][0];
+    return testing::busctlCall(bus_->address(), member, request);
   }
 };
 
