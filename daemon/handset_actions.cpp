@@ -121,6 +121,7 @@ Answer HandsetActions::enableLostModeWithInfo(RequestArguments& args, const Call
   state_.lostMode = std::move(info);
   // A failed write is logged; the switch itself stands.
   (void)published_.publishLostMode(state_.lostMode.get());
+  announceLostMode();
   return {};
 }
 
@@ -130,6 +131,7 @@ Answer HandsetActions::disableLostMode(RequestArguments& /*args*/, const Caller&
   // Also when velad holds no lost mode: the entry may be left from an earlier
   // run, and clients go by the entry.
   (void)published_.publishLostMode(nullptr);
+  announceLostMode();
   return {};
 }
 
@@ -139,6 +141,24 @@ void HandsetActions::republish() {
   // settled.
   (void)published_.publishLostMode(state_.lostMode.get());
   (void)published_.publishWardenEnabled(state_.locusState == kLocusStateOn);
+}
+
+void HandsetActions::announce() {
+  announceLocusState();
+  announceLostMode();
+}
+
+void HandsetActions::announceLostMode() {
+  const bool enabled = state_.lostMode != nullptr;
+  const int r = host_.emitNotification(kDaemonNotificationCenter, kLostModeChangedNotification,
+                                       {{std::string(protocol::kLostModeEnabledKey), enabled}});
+  if (r < 0) log(LogLevel::kWarning, std::string("cannot announce lost mode: ") + std::strerror(-r));
+}
+
+void HandsetActions::announceLocusState() {
+  const int r = host_.emitNotification(kDaemonNotificationCenter, kLocusStateDidChangeNotification,
+                                       {{std::string(key::kState), state_.locusState}});
+  if (r < 0) log(LogLevel::kWarning, std::string("cannot announce the locus state: ") + std::strerror(-r));
 }
 
 // --- Locating state and identity -------------------------------------------
@@ -209,9 +229,7 @@ void HandsetActions::setLocusState(std::int32_t state) {
   // Failures are logged; clients see the previous value until the next switch or start.
   if (state != kLocusStateSwitching) (void)published_.publishWardenEnabled(state == kLocusStateOn);
   log(LogLevel::kInfo, "locus state " + std::to_string(state));
-  const int r = host_.emitNotification(kDaemonNotificationCenter, kLocusStateDidChangeNotification,
-                                       {{std::string(key::kState), state}});
-  if (r < 0) log(LogLevel::kWarning, std::string("cannot announce the locus state: ") + std::strerror(-r));
+  announceLocusState();
 }
 
 // --- Friends account and regions -------------------------------------------

@@ -77,9 +77,17 @@ class HandsetActions {
   // public lost-mode entry and "WardenEnabled" (at start-up, after load).
   void republish();
 
+  // Tells every listener the current locating state and whether lost mode is
+  // on, as the changes are told: once the name is owned at start-up, so that
+  // a host that listened across a restart catches up.
+  void announce();
+
  private:
   struct Member;
   static std::span<const Member> table();
+
+  void announceLostMode();
+  void announceLocusState();
 
   Answer enableLostModeWithInfo(RequestArguments& args, const Caller& caller);
   Answer disableLostMode(RequestArguments& args, const Caller& caller);

@@ -148,6 +148,9 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
                 "cannot own " + std::string(protocol::kServiceName) + ": " + std::strerror(-r));
     return 1;
   }
+  // Once the name is owned, as listeners follow the name, and before velad
+  // says it is ready, so that whoever waits for that has heard them.
+  actions.announce();
   if (options.readyFd >= 0 && !announceReady(options.readyFd)) {
     daemon::log(daemon::LogLevel::kError, std::string("cannot write to the ready descriptor: ") + std::strerror(errno));
     return 1;

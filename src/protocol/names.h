@@ -33,6 +33,10 @@ inline constexpr std::string_view kClientNotifyCenter = "com.zentrex.VelaNotific
 inline constexpr std::string_view kVetResultsFoundNotification = "vet.results.found";
 inline constexpr std::string_view kVetFinishedNotification = "vet.finished";
 
+// User info of the lost-mode change velad announces (kLostModeChangedNotification):
+// whether lost mode is now on, a boolean.
+inline constexpr std::string_view kLostModeEnabledKey = "enabled";
+
 // User info of kVetResultsFoundNotification: the results, passed on unread.
 inline constexpr std::string_view kVetResultsKey = "Results";
 // User info of kVetFinishedNotification: an optional dictionary describing the

@@ -2,12 +2,17 @@
 // velad's Testing interface: every fault the client tests inject has to
 // happen exactly as asked, or those tests prove nothing.
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include <vela/VelaConstants.h>
+#include <vela/VelaLostModeInfo.h>
+
 #include "platform/bus/bus_names.h"
 #include "protocol/names.h"
+#include "records/archive_io.h"
 #include "velad_fixture.h"
 
 namespace vela::testing {
@@ -166,6 +171,51 @@ TEST_F(AVelad, PostsAUnicastNotificationToItsDestinationAlone) {
   const auto seenByBystander = bystander->waitNotification();
   ASSERT_TRUE(seenByBystander);
   EXPECT_EQ(seenByBystander->name, "marker");
+}
+
+// Hosts follow lost mode and locating by listening: a velad that starts
+// tells its state once, and each switch is announced to everyone.
+TEST_F(AVelad, AnnouncesItsStateWhenItStartsAndLostModeWhenItSwitches) {
+  std::string whyNot;
+  const auto listener = bus::TestBusClient::open(bus::BusKind::kSystem, &whyNot);
+  ASSERT_NE(listener, nullptr) << whyNot;
+  ASSERT_EQ(listener->subscribeNotifications(protocol::kClientNotifyCenter), 0);
+  const std::string before = listener->nameOwner(protocol::kServiceName);
+  velad_->restart();
+  const std::string velad = listener->nameOwner(protocol::kServiceName);
+  // What the first velad said when it started may reach the listener too.
+  const auto next = [&]() -> std::optional<bus::ReceivedNotification> {
+    for (auto seen = listener->waitNotification(); seen; seen = listener->waitNotification()) {
+      if (seen->sender != before) return seen;
+    }
+    return std::nullopt;
+  };
+  const std::string lostModeChanged(kLostModeChangedNotification);
+  const VelaDictionary lostModeOff{{std::string(protocol::kLostModeEnabledKey), false}};
+
+  auto seen = next();
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->name, std::string(kLocusStateDidChangeNotification));
+  EXPECT_EQ(seen->userInfo, (VelaDictionary{{"state", reply("GetLocusState").at("state")}}));
+  EXPECT_EQ(seen->sender, velad);
+  seen = next();
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->name, lostModeChanged);
+  EXPECT_EQ(seen->userInfo, lostModeOff);
+
+  VelaLostModeInfo info;
+  info.setMessage("Please call");
+  reply("EnableLostModeWithInfo", {{"info", records::archiveRecord(info)}});
+  seen = next();
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->name, lostModeChanged);
+  EXPECT_EQ(seen->userInfo, (VelaDictionary{{std::string(protocol::kLostModeEnabledKey), true}}));
+  EXPECT_EQ(seen->sender, velad);
+
+  reply("DisableLostMode");
+  seen = next();
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->userInfo, lostModeOff);
 }
 
 }  // namespace
