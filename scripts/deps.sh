@@ -16,6 +16,7 @@ packages=(
   libglib2.0-dev        # one example and its test run the library under a GLib main loop
   systemd               # busctl: reads velad's replies in the daemon tests without our own decoder
   polkitd libglib2.0-bin  # the real polkitd that velad asks in the tests; gdbus waits for it to start
+  man-db                  # man --warnings checks the man pages as lintian does
 )
 
 # One dpkg-query for all: a package it does not know is simply not printed.
