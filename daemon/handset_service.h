@@ -44,7 +44,7 @@ class HandsetService {
   // Takes the first waiting call of `sender` and answers it as `verdict` says.
   void decided(const std::string& sender, Verdict verdict, const std::optional<Credentials>& caller);
   // Answers with `error`, or drops a call that expects no answer; both logged.
-  void refuse(IncomingCall& call, const VelaError& error, const std::optional<Credentials>& caller);
+  static void refuse(IncomingCall& call, const VelaError& error, const std::optional<Credentials>& caller);
   void perform(IncomingCall& call, const Caller& caller);
   void carryOut(const Behavior& behavior, IncomingCall& call, const Caller& caller);
 

@@ -58,7 +58,7 @@ std::size_t utf8SequenceLength(std::string_view text) {
   }
   // Overlong forms, surrogates, and C1 controls.
   static constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
-  if (codePoint < kSmallest[length] || (codePoint >= 0xd800 && codePoint <= 0xdfff) || codePoint > 0x10ffff ||
+  if (codePoint < kSmallest.at(length) || (codePoint >= 0xd800 && codePoint <= 0xdfff) || codePoint > 0x10ffff ||
       (codePoint >= 0x80 && codePoint <= 0x9f)) {
     return 0;
   }

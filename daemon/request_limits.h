@@ -16,7 +16,7 @@ namespace vela::daemon {
 // Any one string or data value, at any depth of a request (keys included).
 inline constexpr std::size_t kMaxValueBytes = 4096;
 // All strings and data of one request together, records included.
-inline constexpr std::size_t kMaxRequestBytes = 64 * 1024;
+inline constexpr std::size_t kMaxRequestBytes = std::size_t{64} * 1024;
 // Topics one caller may listen on at once.
 inline constexpr std::size_t kMaxTopicsPerCaller = 64;
 // Friends regions the device may be inside at once.

@@ -400,6 +400,7 @@ int ServiceHost::callMethod(const OutgoingCall& target, const ArgumentWriter& wr
   // Floating: the bus owns the slot, and frees the reader with it, after the
   // reply or when the connection goes away unanswered.
   sd_bus_slot_set_floating(slot, 1);
+  // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): the slot owns the reader released below
   sd_bus_slot_set_destroy_callback(slot, [](void* userdata) { delete static_cast<ReplyReader*>(userdata); });
   (void)reader.release();
   sd_bus_slot_unref(slot);

@@ -35,6 +35,46 @@ void addAccountQuery(CLI::App& app, Action& chosen, const char* name, const char
   }
 }
 
+// Switching locating on and off.
+void addSwitchCommands(CLI::App& app, Action& chosen) {
+  static std::int32_t context = 0;
+  if (auto* enable = addCommand(app, "enable-locus", "Switch device locating on")) {
+    enable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+    addExample(enable, "pkexec velactl enable-locus --context 1",
+               "Needs authorization: an unprivileged user runs it through pkexec.");
+    enable->callback([&chosen] {
+      chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLocusInContext(context)}; };
+    });
+  }
+
+  // The token may be a secret: it comes from a file or standard input, its
+  // whole content but one final line break. Left out, it is nil.
+  static std::string tokenFrom;
+  if (auto* disable = addCommand(app, "disable-locus", "Switch device locating off")) {
+    disable->add_option("--token-from", tokenFrom,
+                        R"(Read the token from FILE ("-": standard input); without it the token is nil)");
+    refuseSecretOption(*disable, "--token", "--token-from");
+    disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
+    addExample(disable, "printf '%s' \"$TOKEN\" | pkexec velactl disable-locus --token-from -",
+               "Needs authorization. An empty input is the empty string; leaving --token-from out sends nil.");
+    disable->callback([&chosen] {
+      // Read while parsing, so that an unreadable token is a usage error and
+      // nothing is sent.
+      std::optional<std::string> token;
+      if (!tokenFrom.empty()) {
+        std::string text;
+        const std::string whyNot = readSecretInput(tokenFrom, text);
+        if (!whyNot.empty()) throw CLI::ValidationError("--token-from", whyNot);
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        token = std::move(text);
+      }
+      chosen = [token = std::move(token)] {
+        return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token, context)};
+      };
+    });
+  }
+}
+
 }  // namespace
 
 void addLocatingCommands(CLI::App& app, Action& chosen) {
@@ -100,42 +140,7 @@ void addLocatingCommands(CLI::App& app, Action& chosen) {
     });
   }
 
-  static std::int32_t context = 0;
-  if (auto* enable = addCommand(app, "enable-locus", "Switch device locating on")) {
-    enable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
-    addExample(enable, "pkexec velactl enable-locus --context 1",
-               "Needs authorization: an unprivileged user runs it through pkexec.");
-    enable->callback([&chosen] {
-      chosen = [] { return Outcome{nullptr, VelaNotifySession::sharedInstance()->enableLocusInContext(context)}; };
-    });
-  }
-
-  // The token may be a secret: it comes from a file or standard input, its
-  // whole content but one final line break. Left out, it is nil.
-  static std::string tokenFrom;
-  if (auto* disable = addCommand(app, "disable-locus", "Switch device locating off")) {
-    disable->add_option("--token-from", tokenFrom,
-                        R"(Read the token from FILE ("-": standard input); without it the token is nil)");
-    refuseSecretOption(*disable, "--token", "--token-from");
-    disable->add_option("--context", context, "Context passed to the daemon")->capture_default_str();
-    addExample(disable, "printf '%s' \"$TOKEN\" | pkexec velactl disable-locus --token-from -",
-               "Needs authorization. An empty input is the empty string; leaving --token-from out sends nil.");
-    disable->callback([&chosen] {
-      // Read while parsing, so that an unreadable token is a usage error and
-      // nothing is sent.
-      std::optional<std::string> token;
-      if (!tokenFrom.empty()) {
-        std::string text;
-        const std::string whyNot = readSecretInput(tokenFrom, text);
-        if (!whyNot.empty()) throw CLI::ValidationError("--token-from", whyNot);
-        if (!text.empty() && text.back() == '\n') text.pop_back();
-        token = std::move(text);
-      }
-      chosen = [token = std::move(token)] {
-        return Outcome{nullptr, VelaNotifySession::sharedInstance()->disableLocusUsingToken(token, context)};
-      };
-    });
-  }
+  addSwitchCommands(app, chosen);
 }
 
 }  // namespace velactl
