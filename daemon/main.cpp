@@ -101,16 +101,16 @@ void endTopicsOfDepartedCallers(daemon::ServiceHost& host, const daemon::DaemonS
     daemon::log(daemon::LogLevel::kError, "no state directory: give --state-dir");
     return 1;
   }
-  if (std::string why = daemon::prepareStateDirectory(directory); !why.empty()) {
-    // The private state still works; only other users lose sight of the
-    // service's preferences.
-    daemon::log(daemon::LogLevel::kWarning, why);
-  }
   const std::unique_ptr<daemon::StateStore> store = daemon::StateStore::open(directory, &problem);
   daemon::DaemonState state = daemon::initialDaemonState();
   if (!store || !store->load(state, &problem)) {
     daemon::log(daemon::LogLevel::kError, problem);
     return 1;
+  }
+  if (std::string why = daemon::openStateDirectoryToEveryUser(directory); !why.empty()) {
+    // The private state still works; only other users lose sight of the
+    // service's preferences.
+    daemon::log(daemon::LogLevel::kWarning, why);
   }
   daemon::EmailVetting vetting(*host);
   daemon::ServicePreferences published(daemon::ServicePreferences::pathIn(directory));

@@ -31,14 +31,12 @@ std::string defaultStateDirectory(bus::BusKind kind) {
   return {};
 }
 
-std::string prepareStateDirectory(const std::string& directory) {
+std::string openStateDirectoryToEveryUser(const std::string& directory) {
   constexpr mode_t kReadableByAll = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
-  if (::mkdir(directory.c_str(), kReadableByAll) != 0 && errno != EEXIST && errno != ENOENT) {
-    return "cannot create the state directory " + directory + ": " + std::strerror(errno);
-  }
-  // A missing parent is left to the store, which makes the whole path.
   struct stat info {};
-  if (::stat(directory.c_str(), &info) != 0) return {};
+  if (::stat(directory.c_str(), &info) != 0) {
+    return "cannot examine the state directory " + directory + ": " + std::strerror(errno);
+  }
   if ((info.st_mode & kReadableByAll) == kReadableByAll) return {};
   if (::chmod(directory.c_str(), (info.st_mode & 07777) | kReadableByAll) != 0) {
     return "cannot let every user read the state directory " + directory + ": " + std::strerror(errno);

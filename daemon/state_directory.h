@@ -13,10 +13,10 @@ namespace vela::daemon {
 // ($XDG_STATE_HOME/vela, ~/.local/state/vela). Empty when none can be found.
 std::string defaultStateDirectory(bus::BusKind kind);
 
-// Creates `directory` if it is missing and lets every user list and read it,
-// whatever the umask or the mode it was given: the service's public
-// preferences live in it. The files that must stay private set their own
-// modes. Returns "" when done, else what went wrong.
-std::string prepareStateDirectory(const std::string& directory);
+// Lets every user list and read `directory`, whatever mode it was made with
+// (the state store makes a missing one readable by all already): the
+// service's public preferences live in it. The files that must stay private
+// set their own modes. Returns "" when done, else what went wrong.
+std::string openStateDirectoryToEveryUser(const std::string& directory);
 
 }  // namespace vela::daemon

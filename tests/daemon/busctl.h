@@ -2,14 +2,11 @@
 #pragma once
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -17,28 +14,11 @@
 #include <nlohmann/json.hpp>
 
 #include "protocol/names.h"
+#include "shell_words.h"
 
 // velad reached through busctl, a D-Bus client independent of ours: what it
 // prints is what travelled on the wire, not what our decoder makes of it.
 namespace vela::testing {
-
-inline bool onPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::istringstream directories(path != nullptr ? path : "");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    if (directory.empty()) continue;
-    directory += '/';
-    directory += program;
-    if (access(directory.c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
-inline std::string shellQuoted(std::string_view word) {
-  std::string quoted = "'";
-  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
 
 // Requests are written as busctl takes them on a shell's command line: the
 // words after the signature a{sv}, an entry being "key <signature> <value>".

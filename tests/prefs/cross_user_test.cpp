@@ -15,14 +15,12 @@
 #include "other_users.h"
 #include "prefs_test_support.h"
 #include "protocol/lost_mode_entries.h"
+#include "shell_words.h"
 
 namespace vela::prefs {
 namespace {
 
 namespace entries = protocol::lost_mode;
-
-constexpr const char* kSetpriv = "/usr/bin/setpriv";
-constexpr const char* kNobody = "--reuid=65534 --regid=65534 --clear-groups ";
 
 struct Outcome {
   int status = -1;
@@ -33,7 +31,7 @@ struct Outcome {
 // supplementary groups and no capabilities, in this environment.
 Outcome runAsNobody(const std::string& command) {
   Outcome run;
-  FILE* pipe = popen((std::string(kSetpriv) + " " + kNobody + command + " 2>&1").c_str(), "r");
+  FILE* pipe = popen((std::string(testing::kAsNobody) + " " + command + " 2>&1").c_str(), "r");
   if (pipe == nullptr) return run;
   std::array<char, 256> buffer{};
   while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) run.output += buffer.data();
@@ -42,14 +40,14 @@ Outcome runAsNobody(const std::string& command) {
   return run;
 }
 
-std::string shellQuoted(const std::string& text) { return "'" + text + "'"; }
+using testing::shellQuoted;
 
 class AnotherUser : public FreshPreferences {
  protected:
   void SetUp() override {
     FreshPreferences::SetUp();
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to run a reader as uid 65534";
-    if (access(kSetpriv, X_OK) != 0) GTEST_SKIP() << kSetpriv << " is missing, to run a reader as uid 65534";
+    if (!testing::onPath("setpriv")) GTEST_SKIP() << "setpriv is missing, to run a reader as uid 65534";
     // mkdtemp made the directory 0700; the reader must be able to reach the
     // state directory, as it reaches /var/lib.
     ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);

@@ -11,14 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "shell_words.h"
+
 namespace vela::testing {
 namespace {
 
 constexpr const char* kPolkitd = "/usr/lib/polkit-1/polkitd";
-
-bool onPath(const std::string& program) {
-  return Subprocess::run({"sh", "-c", "command -v " + program}) == ExitStatus{};
-}
 
 // polkitd reads what is bound over its folders as its own user.
 void makeWorldReadable(const std::filesystem::path& path, bool directory) {

@@ -92,10 +92,6 @@ std::string_view subcommandName(int argc, char** argv) {
   return {};
 }
 
-bool hasSubcommand(CLI::App& app, std::string_view name) {
-  return !app.get_subcommands([name](const CLI::App* sub) { return sub->get_name() == name; }).empty();
-}
-
 // For the shell completion, one line per command, its own included: the
 // command's words, a tab, then its options, where an option that takes a
 // value ends in '='. Options without a group are hidden and left out.
@@ -146,17 +142,15 @@ unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
   app.fallthrough();
   velactl::Action chosen;
   const std::string_view named = subcommandName(argc, argv);
-  const auto addAll = [&app, &chosen] {
-    for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
-                           velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
-      add(app, chosen);
-    }
-  };
   velactl::registerOnly(named);
-  addAll();
+  for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
+                         velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
+    add(app, chosen);
+  }
   // Set last: subcommands start with their parent's footer, and each has its own.
   app.footer(kFooter);
-  if (!named.empty() && !hasSubcommand(app, named)) {
+  // Only the named command was added: none at all means no command has that name.
+  if (!named.empty() && std::as_const(app).get_subcommands({}).empty()) {
     // CLI11 would only say that a subcommand is required.
     std::cerr << "velactl: unknown command " << named << "\nRun with --help for the list of commands.\n";
     return kExitUsage;
