@@ -157,7 +157,7 @@ void HandsetActions::announceLostMode() {
 
 void HandsetActions::announceLocusState() {
   const int r = host_.emitNotification(kDaemonNotificationCenter, kLocusStateDidChangeNotification,
-                                       {{std::string(key::kState), state_.locusState}});
+                                       {{std::string(protocol::kLocusStateChangeKey), state_.locusState}});
   if (r < 0) log(LogLevel::kWarning, std::string("cannot announce the locus state: ") + std::strerror(-r));
 }
 

@@ -12,6 +12,7 @@
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
 #include <vela/VelaMainThread.h>
+#include <vela/VelaNotificationCenters.h>
 #include <vela/VelaNotificationHandsetActions.h>
 #include <vela/VelaNotifySession.h>
 #include <vela/VelaNotifySessionDelegate.h>

@@ -16,6 +16,7 @@
 #include <vela/VelaExport.h>
 #include <vela/VelaKithAccountInfo.h>
 #include <vela/VelaLostModeInfo.h>
+#include <vela/VelaMainThread.h>
 #include <vela/VelaNotifySessionDelegate.h>
 #include <vela/VelaValue.h>
 
@@ -26,6 +27,8 @@ enum class Trouble;
 namespace vela::session {
 struct SessionInternals;
 class CompletionGate;
+class ObserverRegistry;
+class ReconnectSchedule;
 }  // namespace vela::session
 namespace vela::notify {
 class DistributedCenter;
@@ -53,13 +56,20 @@ struct Notification;
 // seconds from its start, whatever other threads are doing. Other threads'
 // calls proceed concurrently over the same connection.
 //
+// NON-BLOCKING
+// Every synchronous operation that asks the daemon has a non-blocking twin,
+// named as it is with "Async" appended (locusDeviceIdAsync, ...): see
+// "Without blocking" below. A host with an event loop calls those from its
+// loop's thread, and observes the daemon's notifications with addObserver.
+//
 // LIFETIME
 // Sessions are shared with std::shared_ptr. The connection is made on first
 // use and again after the daemon or the bus went away, so a session outlives
-// daemon restarts. Destroying the session stops vetting notifications, clears
-// the delegate and closes the connection; completions and replies that have
-// not started by then are dropped, and the destructor never waits for the
-// connection's thread. The shared instance lives until the process ends.
+// daemon restarts. Destroying the session stops vetting notifications, ends
+// its observers, clears the delegate and closes the connection; completions,
+// handlers and replies that have not started by then are dropped, and the
+// destructor never waits for the connection's thread or for a completion or
+// handler already running. The shared instance lives until the process ends.
 //
 // EXAMPLE
 //   auto session = VelaNotifySession::sharedInstance();
@@ -256,6 +266,116 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // Asks the daemon to dump its debug state; `argument` is the daemon's to read.
   void dumpDebugInfo(std::optional<std::string> argument);
 
+  // ---- Observing the daemon's notifications ---------------------------------------
+  //
+  // The daemon posts notifications on named centers (kVelaClientNotifyCenter
+  // in VelaNotificationCenters.h): its locating and lost-mode changes to
+  // everyone, the results of a vetting to the client that asked. Only what
+  // the current owner of the service name sends is believed; a notification
+  // from any other connection is dropped.
+  //
+  // While an observer is registered the session keeps a connection
+  // listening, whether or not the host makes calls: when the daemon
+  // restarts it follows the name to the new owner at once, and when the bus
+  // itself goes away it tries again, at once and then at growing intervals
+  // of up to 2 seconds, until the bus is back. Nothing posted meanwhile is
+  // replayed; the daemon announces its state when it starts, so an observer
+  // of the state catches up then.
+
+  // Where an observer's handler runs.
+  enum class ObserverThread {
+    // Queued to the main thread (VelaMainThread), which must run its loop.
+    kMainThread,
+    // On the connection's thread, as the notification arrives. A handler
+    // there holds up the connection: keep it short, and make no synchronous
+    // call from it (that fails at once with 106).
+    kConnectionThread,
+  };
+
+  using ObserverToken = std::uint64_t;
+  using NotificationHandler = std::function<void(const std::string& name, const VelaDictionary& userInfo)>;
+
+  // Runs `handler` for each notification named `name` posted on the center
+  // named `center` (a D-Bus interface name), from now until the observer is
+  // removed or the session ends, in the order the notifications arrived.
+  // Observers are not merged: one added twice runs twice. The connection is
+  // made now if there is none. Returns the token that removes the observer,
+  // or 0, adding nothing, when `handler` is empty or `center` is not an
+  // interface name. A handler's exception is dropped.
+  // Blocks: no (only to find the connection).  Thread: any, handlers included.
+  [[nodiscard]] ObserverToken addObserver(std::string_view center, std::string_view name, ObserverThread thread,
+                                          NotificationHandler handler);
+
+  // Removes the observer `token` names; false when there is none (never
+  // added, or removed already). Outside every handler it returns once no
+  // call of that handler is under way and none will start, so what the
+  // handler uses may be destroyed right after; it therefore must not be
+  // called while holding a lock the handler takes. From inside a handler
+  // (this observer's or another's) it does not wait: no call starts later,
+  // but one already begun on another thread may still be running.
+  // Blocks: see above.  Thread: any.
+  bool removeObserver(ObserverToken token);
+
+  // ---- Without blocking -------------------------------------------------------------
+  //
+  // Each synchronous operation above that asks the daemon has a twin, named
+  // as it is with "Async" appended, taking the same arguments and a
+  // completion. The twin sends the same request and returns at once; later
+  // the completion runs exactly once with what the synchronous operation
+  // would have returned: the daemon's answer and error, or 106 "timed out"
+  // when no answer came within 5 seconds of the call, the request could not
+  // be carried or the daemon went away. An empty completion is allowed.
+  //
+  // Completions run on the main thread (VelaMainThread) unless
+  // setCompletionExecutor() chose another executor; never inside the
+  // twin's own call. None starts once the session's destructor has begun:
+  // a request in flight then is dropped, and a completion already running
+  // is not waited for.
+  //
+  // The twins neither read nor write velaLastOperationResult, which belongs
+  // to whichever thread last made a synchronous call: their completions get
+  // the error itself.
+  // Blocks: no (only to find the connection).  Thread: any.
+
+  using ErrorCompletion = std::function<void(std::optional<VelaError> error)>;
+  using StringCompletion = std::function<void(std::optional<std::string> value, std::optional<VelaError> error)>;
+  using DictionaryCompletion =
+      std::function<void(std::optional<VelaDictionary> value, std::optional<VelaError> error)>;
+  using KithAccountCompletion =
+      std::function<void(std::shared_ptr<VelaKithAccountInfo> account, std::optional<VelaError> error)>;
+
+  void enableLocusInContextAsync(std::int32_t context, ErrorCompletion completion);
+  void disableLocusUsingTokenAsync(std::optional<std::string> token, std::int32_t context,
+                                   ErrorCompletion completion);
+  // The value as the synchronous query returns it, even together with an error.
+  void kithDeviceIdAsync(StringCompletion completion);
+  void locusDeviceIdAsync(StringCompletion completion);
+  void storeAccountAsync(StringCompletion completion);
+  void locusAccountAsync(DictionaryCompletion completion);
+  void nimbusAccountAsync(DictionaryCompletion completion);
+  // The accounts retrieveAllAccounts would write, or nullopt where it
+  // leaves them untouched; the error is locusAccount's.
+  void retrieveAllAccountsAsync(DictionaryCompletion completion);
+  void enableLostModeWithInfoAsync(std::shared_ptr<VelaLostModeInfo> info, ErrorCompletion completion);
+  void addKithAccountAsync(std::shared_ptr<VelaKithAccountInfo> account, ErrorCompletion completion);
+  void removeKithAccountWithUsernameAsync(std::optional<std::string> username, ErrorCompletion completion);
+  // The record the daemon sent (even together with an error), or nullptr.
+  void retrieveKithAccountAsync(KithAccountCompletion completion);
+  // Listening starts at once, as with vetEmailAccount; with no account the
+  // completion gets 101 "account is nil" and nothing else happens.
+  void vetEmailAccountAsync(std::optional<std::string> account, ErrorCompletion completion);
+  // Listening stops at once, as with cancelEmailVet.
+  void cancelEmailVetAsync(ErrorCompletion completion);
+
+  // Runs the completions of the twins called from now on through
+  // `executor` instead of the main thread; an empty executor goes back to
+  // the main thread. The executor is called once per completion, on the
+  // connection's thread (on the calling thread when a twin fails before
+  // sending), and must run the task it is given exactly once, later (not
+  // before it returns), on the thread the host chooses; an idle source on a
+  // GLib main context, for example. Thread: any.
+  void setCompletionExecutor(VelaMainThread::Executor executor);
+
   // Accessors. Thread: any (each access is atomic on its own).
   std::shared_ptr<vela::bus::NamedConnection> linkConnection() const;
   void setLinkConnection(std::shared_ptr<vela::bus::NamedConnection> connection);
@@ -274,9 +394,16 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // The vetting center, made on first use.
   std::shared_ptr<vela::notify::DistributedCenter> centerMadeIfNeeded();
 
+  // Registers the vetting observers and listens, before a vetting request.
+  void startVetListening();
+
   // Stops using `connection` if it is still the current one (interruption,
   // invalidation, told why); the next operation makes a new one.
   void retireLinkConnection(const std::weak_ptr<vela::bus::NamedConnection>& connection, vela::bus::Trouble why);
+
+  // Whether a vetting or a host's observer needs a connection listening,
+  // whether or not the host makes calls.
+  bool keepsListening() const;
 
  public:
   // Use init(), initWithDelegate() or sharedInstance().
@@ -294,4 +421,9 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   // Set once at construction: how a request whose connection died before it
   // was sent finds the session's next connection.
   std::shared_ptr<const std::function<std::shared_ptr<vela::bus::NamedConnection>()>> reconnect_;
+  // Set once at construction: the host's observers and their centers.
+  std::shared_ptr<vela::session::ObserverRegistry> observers_;
+  // Set once at construction: when to try the bus again while listening.
+  std::shared_ptr<vela::session::ReconnectSchedule> reconnects_;
+  VelaMainThread::Executor completionExecutor_;  // guarded by fieldsMutex_; empty: the main thread
 };

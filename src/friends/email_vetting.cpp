@@ -5,6 +5,7 @@
 #include "platform/notify/distributed_center.h"
 #include "platform/notify/notification_center.h"
 #include "protocol/names.h"
+#include "session/observer_registry.h"
 #include "session/remote_call.h"
 
 namespace {
@@ -44,6 +45,27 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
     vela::session::setLastOperationResult(VelaErrorCodeAccountIsNil);
     return newErrorForCode(VelaErrorCodeAccountIsNil, "account is nil");
   }
+  startVetListening();
+  return vela::session::callSynchronously(*this, "vetEmailAccount", vela::session::calls::kVetEmailAccount,
+                                          std::move(account))
+      .error;
+}
+
+void VelaNotifySession::vetEmailAccountAsync(std::optional<std::string> account, ErrorCompletion completion) {
+  if (!account) {
+    vela::session::Completer completer(*this);
+    completer([completion = std::move(completion), error = newErrorForCode(VelaErrorCodeAccountIsNil,
+                                                                           "account is nil")] {
+      if (completion) completion(error);
+    });
+    return;
+  }
+  startVetListening();
+  vela::session::callWithoutBlocking(*this, vela::session::calls::kVetEmailAccount,
+                                     vela::session::errorTo(std::move(completion)), std::move(account));
+}
+
+void VelaNotifySession::startVetListening() {
   std::shared_ptr<DistributedCenter> vetCenter = centerMadeIfNeeded();
   vetCenter->deliverOnMainThread();
   vetListening_.store(true);
@@ -59,15 +81,18 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
                     [weakSelf](const Notification& notification) {
                       if (auto self = weakSelf.lock()) self->_vetFinished(notification);
                     });
-  return vela::session::callSynchronously(*this, "vetEmailAccount", vela::session::calls::kVetEmailAccount,
-                                          std::move(account))
-      .error;
 }
 
 std::optional<VelaError> VelaNotifySession::cancelEmailVet() {
   vela::session::setLastOperationResult(0);
   _stopVettingNotifications();
   return vela::session::callSynchronously(*this, "cancelEmailVet", vela::session::calls::kCancelEmailVet).error;
+}
+
+void VelaNotifySession::cancelEmailVetAsync(ErrorCompletion completion) {
+  _stopVettingNotifications();
+  vela::session::callWithoutBlocking(*this, vela::session::calls::kCancelEmailVet,
+                                     vela::session::errorTo(std::move(completion)));
 }
 
 void VelaNotifySession::_vetResultReceived(const Notification& notification) const {
@@ -99,9 +124,10 @@ void VelaNotifySession::_stopVettingNotifications() {
 }
 
 std::shared_ptr<DistributedCenter> VelaNotifySession::centerMadeIfNeeded() {
+  // The session's one center of that name, which the host's observers of
+  // it share: a connection carries one listener per center.
+  auto vetCenter = vela::session::SessionInternals::observers(*this).center(names::kClientNotifyCenter);
   std::lock_guard lock(fieldsMutex_);
-  // Under the lock, so that two first vettings racing make one center.
-  if (!center_)
-    center_ = DistributedCenter::named(std::string(names::kClientNotifyCenter), NotificationCenter::defaultCenter());
+  if (!center_) center_ = std::move(vetCenter);
   return center_;
 }

@@ -22,3 +22,21 @@ std::optional<VelaError> VelaNotifySession::retrieveKithAccount(std::shared_ptr<
   account = std::get<0>(std::move(result.values));
   return std::move(result.error);
 }
+
+void VelaNotifySession::addKithAccountAsync(std::shared_ptr<VelaKithAccountInfo> account, ErrorCompletion completion) {
+  vela::session::callWithoutBlocking(*this, calls::kAddKithAccount, vela::session::errorTo(std::move(completion)),
+                                     std::move(account));
+}
+
+void VelaNotifySession::removeKithAccountWithUsernameAsync(std::optional<std::string> username,
+                                                           ErrorCompletion completion) {
+  vela::session::callWithoutBlocking(*this, calls::kRemoveKithAccountWithUsername,
+                                     vela::session::errorTo(std::move(completion)), std::move(username));
+}
+
+void VelaNotifySession::retrieveKithAccountAsync(KithAccountCompletion completion) {
+  vela::session::callWithoutBlocking(*this, calls::kRetrieveKithAccount,
+                                     [completion = std::move(completion)](auto reply) {
+                                       if (completion) completion(std::get<0>(std::move(reply.values)), std::move(reply.error));
+                                     });
+}

@@ -38,3 +38,14 @@ std::optional<VelaError> VelaNotifySession::disableLocusUsingToken(std::optional
                                           context)
       .error;
 }
+
+void VelaNotifySession::enableLocusInContextAsync(std::int32_t context, ErrorCompletion completion) {
+  vela::session::callWithoutBlocking(*this, calls::kEnableLocusInContext, vela::session::errorTo(std::move(completion)),
+                                     context);
+}
+
+void VelaNotifySession::disableLocusUsingTokenAsync(std::optional<std::string> token, std::int32_t context,
+                                                    ErrorCompletion completion) {
+  vela::session::callWithoutBlocking(*this, calls::kDisableLocusUsingToken,
+                                     vela::session::errorTo(std::move(completion)), std::move(token), context);
+}

@@ -88,6 +88,12 @@ std::optional<VelaError> VelaNotifySession::enableLostModeWithInfo(std::shared_p
       .error;
 }
 
+void VelaNotifySession::enableLostModeWithInfoAsync(std::shared_ptr<VelaLostModeInfo> info,
+                                                    ErrorCompletion completion) {
+  vela::session::callWithoutBlocking(*this, vela::session::calls::kEnableLostModeWithInfo,
+                                     vela::session::errorTo(std::move(completion)), std::move(info));
+}
+
 void VelaNotifySession::disableLostMode() {
   // Callers read the outcome from the store later, never from here, so this
   // one request leaves the previous operation's result in place.

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include <vela/VelaNotificationCenters.h>
+
 // Where the daemon lives on the bus, and the notification centers it posts on.
 namespace vela::protocol {
 
@@ -29,13 +31,13 @@ inline std::string notificationCenterPath(std::string_view center) {
 // E-mail vetting is the one flow in which the daemon speaks first: it posts
 // these notifications to the requester alone, on this center. velad also
 // announces its own state changes there, the one center clients listen to.
-inline constexpr std::string_view kClientNotifyCenter = "com.zentrex.VelaNotification.clientnotify";
+inline constexpr std::string_view kClientNotifyCenter = kVelaClientNotifyCenter;
 inline constexpr std::string_view kVetResultsFoundNotification = "vet.results.found";
 inline constexpr std::string_view kVetFinishedNotification = "vet.finished";
 
-// User info of the lost-mode change velad announces (kLostModeChangedNotification):
-// whether lost mode is now on, a boolean.
-inline constexpr std::string_view kLostModeEnabledKey = "enabled";
+// User info of the state changes velad announces (published with the center).
+inline constexpr std::string_view kLocusStateChangeKey = kVelaLocusStateKey;
+inline constexpr std::string_view kLostModeEnabledKey = kVelaLostModeEnabledKey;
 
 // User info of kVetResultsFoundNotification: the results, passed on unread.
 inline constexpr std::string_view kVetResultsKey = "Results";

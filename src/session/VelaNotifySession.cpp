@@ -7,6 +7,9 @@
 #include "protocol/names.h"
 #include "session/completion_gate.h"
 #include "session/connection_queue.h"
+#include "session/observer_registry.h"
+#include "session/reconnect_schedule.h"
+#include "session/remote_call.h"
 
 using vela::bus::NamedConnection;
 
@@ -33,6 +36,8 @@ std::shared_ptr<VelaNotifySession> VelaNotifySession::initWithDelegate(
 std::shared_ptr<VelaNotifySession> VelaNotifySession::make() {
   auto session = std::make_shared<VelaNotifySession>(PassKey{});
   session->completions_ = std::make_shared<vela::session::CompletionGate>();
+  session->observers_ = std::make_shared<vela::session::ObserverRegistry>();
+  session->reconnects_ = std::make_shared<vela::session::ReconnectSchedule>();
   // Made once and shared by every request: a request that finds its
   // connection's bus gone asks the session, held weakly, for a fresh one.
   session->reconnect_ = std::make_shared<const vela::bus::Reconnect>(
@@ -56,6 +61,8 @@ VelaNotifySession::~VelaNotifySession() {
     setCenter(nullptr);
   }
   _stopVettingNotifications();
+  // The host's observers end with the registry; none is waited for.
+  reconnects_->cancel();
   setDelegate({});
   _destroyLinkConnection();
 }
@@ -83,8 +90,9 @@ std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
     };
     connection->setInterruptionHandler(dropConnection);
     connection->setInvalidationHandler(dropConnection);
-    // A vetting under way keeps hearing its results on the new connection.
-    if (auto vetCenter = center()) vetCenter->listenOn(*connection);
+    // A vetting under way keeps hearing its results on the new connection,
+    // and the host's observers their notifications.
+    for (const auto& center : observers_->centers()) center->listenOn(*connection);
     // Stored before it starts, so that a handler firing at once (no bus at
     // all) finds it current and retires it.
     setLinkConnection(connection);
@@ -119,20 +127,52 @@ void VelaNotifySession::retireLinkConnection(const std::weak_ptr<NamedConnection
   // (the daemon's reply, or an error if it is gone) instead of a false
   // failure. The old connection ends by itself once they are done.
   //
-  // Vetting results are heard for as long as the session's observers are
+  // Notifications are heard for as long as the session's observers are
   // registered, not only while the host happens to make calls: the session
   // follows the service to its next owner (or its first) on a new
-  // connection right away. Not after a bus failure, where a new connection
-  // would fail the same way at once; the next call tries the bus again.
-  const bool serviceTrouble = why == vela::bus::Trouble::kOwnerChanged || why == vela::bus::Trouble::kUnreachable;
-  if (serviceTrouble && vetListening_.load()) (void)currentLinkConnection();
+  // connection right away, and waits for a bus that went away.
+  if (!keepsListening()) return;
+  auto reconnect = [weakSelf = weak_from_this()] {
+    if (auto self = weakSelf.lock(); self && self->keepsListening()) (void)self->currentLinkConnection();
+  };
+  switch (why) {
+    case vela::bus::Trouble::kOwnerChanged:
+    case vela::bus::Trouble::kUnreachable:
+      reconnect();
+      return;
+    case vela::bus::Trouble::kBusLost:
+      reconnects_->afterBusLost(reconnect);
+      return;
+    case vela::bus::Trouble::kBusUnavailable:
+      reconnects_->afterBusUnavailable(reconnect);
+      return;
+    case vela::bus::Trouble::kInvalidated:
+      return;
+  }
+}
+
+bool VelaNotifySession::keepsListening() const { return vetListening_.load() || !observers_->empty(); }
+
+VelaNotifySession::ObserverToken VelaNotifySession::addObserver(std::string_view center, std::string_view name,
+                                                                ObserverThread thread, NotificationHandler handler) {
+  if (!handler || !vela::bus::isInterfaceName(center)) return 0;
+  auto observed = observers_->center(center);
+  const ObserverToken token = observers_->add(observed, std::string(name), thread, std::move(handler));
+  observed->listenOn(*currentLinkConnection());
+  return token;
+}
+
+bool VelaNotifySession::removeObserver(ObserverToken token) { return observers_->remove(token); }
+
+void VelaNotifySession::setCompletionExecutor(VelaMainThread::Executor executor) {
+  std::lock_guard lock(fieldsMutex_);
+  completionExecutor_.swap(executor);
 }
 
 // A member, not a static, because callers make errors through the session.
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 VelaError VelaNotifySession::newErrorForCode(std::int32_t code, std::string_view message) const {
-  return VelaError(std::string(kVelaErrorDomain), code,
-                   VelaDictionary{{std::string(kVelaErrorFailureReasonKey), std::string(message)}});
+  return vela::session::libraryError(code, message);
 }
 
 std::shared_ptr<NamedConnection> VelaNotifySession::linkConnection() const {

@@ -7,6 +7,25 @@ std::atomic<std::intptr_t> velaLastOperationResult{0};  // NOLINT(*-avoid-non-co
 
 namespace vela::session {
 
+VelaError libraryError(std::int32_t code, std::string_view message) {
+  return VelaError(std::string(kVelaErrorDomain), code,
+                   VelaDictionary{{std::string(kVelaErrorFailureReasonKey), std::string(message)}});
+}
+
+VelaError timedOutError() { return libraryError(VelaErrorCodeTimedOut, "timed out"); }
+
+Completer::Completer(const VelaNotifySession& session)
+    : gate_(SessionInternals::completions(session)), executor_(SessionInternals::completionExecutor(session)) {
+  if (!executor_) executor_ = &VelaMainThread::perform;
+}
+
+void Completer::operator()(std::function<void()> completion) const {
+  try {
+    executor_([gate = gate_, completion = std::move(completion)] { gate->run(completion); });
+  } catch (...) {  // NOLINT(bugprone-empty-catch): an executor that throws has refused the completion
+  }
+}
+
 HandsetActionsProxy linkProxy(VelaNotifySession& session, std::shared_ptr<VelaSemaphore> semaphore,
                               std::string_view label, VelaProxyErrorHandler inner) {
   return {session.currentLinkConnection(), standardErrorHandler(label, std::move(inner), std::move(semaphore)),

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -28,6 +30,11 @@ struct SessionInternals {
   static const std::shared_ptr<CompletionGate>& completions(const VelaNotifySession& session) {
     return session.completions_;
   }
+  static ObserverRegistry& observers(const VelaNotifySession& session) { return *session.observers_; }
+  static VelaMainThread::Executor completionExecutor(const VelaNotifySession& session) {
+    std::lock_guard lock(session.fieldsMutex_);
+    return session.completionExecutor_;
+  }
 };
 
 // The proxy of the session's current connection with the standard error
@@ -41,6 +48,35 @@ inline void setLastOperationResult(std::intptr_t code) {
 }
 
 using protocol::kReplyTimeLimit;
+
+// An error in the library's domain with `message` as its failure reason.
+VelaError libraryError(std::int32_t code, std::string_view message);
+
+// What an operation reports when no answer came in time, the request could
+// not be carried or the reply did not decode.
+VelaError timedOutError();
+
+// A reply made of nothing but the time-out error.
+template <typename Reply>
+Reply timedOutReply() {
+  Reply reply;
+  reply.error = timedOutError();
+  return reply;
+}
+
+// Runs completions through the session's completion executor (the main
+// thread unless the host chose another), each only if the session still
+// exists when it comes to run. Taken when a call starts, so it outlives the
+// session.
+class Completer {
+ public:
+  explicit Completer(const VelaNotifySession& session);
+  void operator()(std::function<void()> completion) const;
+
+ private:
+  std::shared_ptr<CompletionGate> gate_;
+  VelaMainThread::Executor executor_;
+};
 
 // The synchronous remote call: send `call` with `args`, wait for the answer
 // until one time limit from now, and leave the error's code in
@@ -57,12 +93,42 @@ typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_v
                                                                SessionInternals::reconnect(session), deadline);
   std::optional<typename Call::Reply> decoded;
   if (outcome.reply) decoded = call.decode(*outcome.reply);
-  if (!decoded) {
-    decoded.emplace();
-    decoded->error = session.newErrorForCode(VelaErrorCodeTimedOut, "timed out");
-  }
+  if (!decoded) decoded = timedOutReply<typename Call::Reply>();
   if (decoded->error) setLastOperationResult(static_cast<std::intptr_t>(decoded->error->code()));
   return std::move(*decoded);
+}
+
+// The non-blocking twin of callSynchronously: sends `call` with `args` and
+// returns at once. `finish` later gets what callSynchronously would have
+// returned, exactly once, through the session's Completer; the connection
+// keeps the deadline, one time limit from now. velaLastOperationResult is
+// left alone.
+template <typename Call, typename Finish, typename... Args>
+void callWithoutBlocking(VelaNotifySession& session, const Call& call, Finish finish, Args&&... args) {
+  using Reply = typename Call::Reply;
+  const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
+  // Shared by the two handlers, of which exactly one runs.
+  auto deliver = std::make_shared<const std::function<void(Reply)>>(
+      [completer = Completer(session), finish = std::move(finish)](Reply reply) {
+        completer([finish, reply = std::move(reply)]() mutable { finish(std::move(reply)); });
+      });
+  const Call* described = &call;
+  session.currentLinkConnection()->callMethod(
+      *call.member, call.encode(std::forward<Args>(args)...),
+      [deliver, described](VelaDictionary answer) {
+        auto decoded = described->decode(answer);
+        (*deliver)(decoded ? std::move(*decoded) : timedOutReply<Reply>());
+      },
+      [deliver](const VelaError& /*transport*/) { (*deliver)(timedOutReply<Reply>()); },
+      SessionInternals::reconnect(session), deadline);
+}
+
+// Completions that hand a twin's caller the error alone.
+template <typename Completion>
+auto errorTo(Completion completion) {
+  return [completion = std::move(completion)](auto reply) {
+    if (completion) completion(std::move(reply.error));
+  };
 }
 
 // The asynchronous variant: no wait and no time-out. `onFailure` runs with the

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <utility>
@@ -32,6 +34,13 @@ bool repliesUnreachable(sd_bus_message* reply) {
 }
 
 bool meansDisconnected(int r) { return r == -ENOTCONN || r == -ECONNRESET || r == -EPIPE || r == -ESHUTDOWN; }
+
+// At least 1: sd-bus reads 0 as its own default time-out.
+std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()).count();
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(left, 1));
+}
 
 // What a reply carried, read where it arrived. Only the keys the member
 // reads are decoded: a daemon that adds keys, whatever their type, still
@@ -106,7 +115,14 @@ Link::Started Link::start(Request& request) {
   const bool expectsReply = request.expectsReply();
   if (!expectsReply) sd_bus_message_set_expect_reply(message, 0);
   std::uint64_t cookie = 0;
-  r = sd_bus_send(bus_, message, &cookie);
+  if (expectsReply && !request.waiter && request.deadline) {
+    // sd-bus keeps the time: whoever reads the bus wakes for it, and its
+    // NoReply error comes back through the same matching as a reply.
+    r = sd_bus_call_async(bus_, nullptr, message, &Link::onTimedReply, this, microsecondsUntil(*request.deadline));
+    if (r >= 0) r = sd_bus_message_get_cookie(message, &cookie);
+  } else {
+    r = sd_bus_send(bus_, message, &cookie);
+  }
   sd_bus_message_unref(message);
   if (r < 0) {
     // A request that expects nothing is not sent again elsewhere.
@@ -167,6 +183,12 @@ bool Link::hasUndispatched() const {
   return usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
 }
 
+int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
+  std::uint64_t cookie = 0;
+  if (sd_bus_message_get_reply_cookie(reply, &cookie) >= 0) static_cast<Link*>(userdata)->takeReply(reply, cookie);
+  return 1;
+}
+
 void Link::takeUnclaimed(sd_bus_message* message) {
   std::uint64_t cookie = 0;
   if (sd_bus_message_get_reply_cookie(message, &cookie) < 0) {
@@ -177,6 +199,10 @@ void Link::takeUnclaimed(sd_bus_message* message) {
     }
     return;
   }
+  takeReply(message, cookie);
+}
+
+void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
   const auto found = std::find_if(pending_.begin(), pending_.end(),
                                   [cookie](const PendingCall& call) { return call.cookie == cookie; });
   // A reply to a call whose caller gave up and was forgotten.

@@ -113,6 +113,11 @@ class Link {
   // A message sd-bus dispatched to no one: a reply to a pending call, or a
   // method call for an object this connection does not have.
   void takeUnclaimed(sd_bus_message* message);
+  // The reply to the pending call with `cookie`, if it is still pending.
+  void takeReply(sd_bus_message* message, std::uint64_t cookie);
+  // sd-bus's callback for a call with a deadline: its reply, or the error
+  // sd-bus makes up when the deadline passes or the bus closes.
+  static int onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
   NamedConnection::Core& core_;
   sd_bus* bus_ = nullptr;

@@ -197,6 +197,9 @@ struct Request {
   ReplyHandler onReply;
   FailureHandler onFailure;
   std::shared_ptr<const Reconnect> reconnect;
+  // When a request with handlers stops waiting: past it, onFailure runs
+  // with a time-out instead. None: it waits as long as the bus does.
+  std::optional<std::chrono::steady_clock::time_point> deadline;
 
   // Whether the daemon is asked to answer.
   bool expectsReply() const { return waiter != nullptr || static_cast<bool>(onReply); }

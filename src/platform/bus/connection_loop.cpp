@@ -161,7 +161,7 @@ class Loop {
     }
     link_.defer([fresh = std::move(fresh), request = std::move(request)]() mutable {
       fresh->callMethod(*request.member, std::move(request.args), std::move(request.onReply),
-                        std::move(request.onFailure));
+                        std::move(request.onFailure), nullptr, request.deadline);
     });
   }
 

@@ -3,6 +3,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
 
 #include <cerrno>
 #include <mutex>
@@ -36,6 +37,10 @@ VelaError transportError(std::string_view name, int errnoCode, std::string_view 
   VelaDictionary userInfo;
   if (!message.empty()) userInfo.emplace(kVelaErrorFailureReasonKey, std::string(message));
   return {std::string(name.empty() ? kErrorDisconnected : name), errnoCode, std::move(userInfo)};
+}
+
+bool isInterfaceName(std::string_view name) {
+  return sd_bus_interface_name_is_valid(std::string(name).c_str()) > 0;
 }
 
 std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {
@@ -126,13 +131,14 @@ void NamedConnection::enqueue(detail::Request request) {
 }
 
 void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply,
-                                 FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect) {
+                                 FailureHandler onFailure, std::shared_ptr<const Reconnect> reconnect,
+                                 std::optional<std::chrono::steady_clock::time_point> deadline) {
   if (!hasLoop()) {
     invokeGuarded(onFailure, detail::connectionError(ENOTCONN, "connection unusable in this process"));
     return;
   }
   enqueue(detail::Request{&member, std::move(args), nullptr, std::move(onReply), std::move(onFailure),
-                          std::move(reconnect)});
+                          std::move(reconnect), deadline});
 }
 
 NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
@@ -145,7 +151,7 @@ NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& membe
                        detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};
   }
   auto waiter = std::make_shared<detail::Waiter>();
-  detail::Request request{&member, std::move(args), waiter, nullptr, nullptr, nullptr};
+  detail::Request request{&member, std::move(args), waiter, nullptr, nullptr, nullptr, std::nullopt};
   std::unique_lock busLock(core_->busMutex, std::defer_lock);
   if (!busLock.try_lock_until(deadline)) return {};
   detail::Link* link = core_->link;

@@ -104,9 +104,13 @@ class NamedConnection {
   // runs only if the call could not be sent. When the bus behind this
   // connection is already gone, the request never left, so it is handed once
   // to the connection `reconnect` supplies (if any) instead of failing.
+  // With a `deadline`, a call still unanswered then fails with the bus's
+  // time-out error (org.freedesktop.DBus.Error.NoReply, ETIMEDOUT), at the
+  // deadline, read by whichever thread is reading the bus.
   // Thread: any.
   void callMethod(const protocol::Member& member, VelaDictionary args, ReplyHandler onReply, FailureHandler onFailure,
-                  std::shared_ptr<const Reconnect> reconnect = nullptr);
+                  std::shared_ptr<const Reconnect> reconnect = nullptr,
+                  std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt);
 
   // What a synchronous call came back with: the reply, or the failure that
   // stands in its place; neither when the deadline passed first.
@@ -149,6 +153,9 @@ class NamedConnection {
   std::shared_ptr<Core> core_;
   std::thread thread_;
 };
+
+// Whether `name` is a valid D-Bus interface name, as a center's name must be.
+bool isInterfaceName(std::string_view name);
 
 // The error a transport failure is reported with: `name` is a D-Bus error
 // name, `errnoCode` a positive errno value.

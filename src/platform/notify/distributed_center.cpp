@@ -26,6 +26,7 @@ void DistributedCenter::listenOn(bus::NamedConnection& connection) {
 }
 
 void DistributedCenter::received(std::string name, VelaDictionary userInfo) {
+  onArrival_.post(Notification{name, this, userInfo});
   if (!delivering()) return;
   VelaMainThread::perform([weakCenter = weak_from_this(), name = std::move(name), userInfo = std::move(userInfo)] {
     // Looked at again on the main thread: a center stopped or gone since the

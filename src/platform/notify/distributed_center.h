@@ -7,23 +7,25 @@
 
 #include <vela/VelaValue.h>
 
+#include "platform/notify/notification_center.h"
+
 namespace vela::bus {
 class NamedConnection;
 }  // namespace vela::bus
 
 namespace vela::notify {
 
-class NotificationCenter;
-
 // A named notification center that other processes post to over the bus.
 //
 // Notifications arrive on the connections the center listens on, only from
 // the owner of the service name those connections talk to (see
-// NamedConnection::listenForNotifications). While delivering, the center
-// re-posts each one on the main thread (VelaMainThread) through the
-// in-process center, with itself as the sender, so observers pick it out by
-// sender. Each owner makes its own center: every center that listens gets
-// every notification once.
+// NamedConnection::listenForNotifications). Each one is posted, with the
+// center itself as the sender, twice over:
+//  - at once, on the connection's thread, through onArrival();
+//  - while delivering, later on the main thread (VelaMainThread) through the
+//    in-process center given at creation.
+// Observers pick it out by sender. Each owner makes its own center: every
+// center that listens gets every notification once.
 class DistributedCenter : public std::enable_shared_from_this<DistributedCenter> {
  public:
   // A center named `name` (an interface name such as
@@ -46,6 +48,10 @@ class DistributedCenter : public std::enable_shared_from_this<DistributedCenter>
   // center only while it exists. Harmless to repeat. Thread: any.
   void listenOn(bus::NamedConnection& connection);
 
+  // Where notifications are posted as they arrive, on the connection's
+  // thread, whether or not the center delivers on the main thread.
+  NotificationCenter& onArrival() noexcept { return onArrival_; }
+
  private:
   DistributedCenter(std::string name, NotificationCenter& local) : name_(std::move(name)), local_(local) {}
 
@@ -54,6 +60,7 @@ class DistributedCenter : public std::enable_shared_from_this<DistributedCenter>
 
   const std::string name_;
   NotificationCenter& local_;
+  NotificationCenter onArrival_;
   std::atomic<bool> delivering_{false};
 };
 
