@@ -339,14 +339,12 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
 
   using ErrorCompletion = std::function<void(std::optional<VelaError> error)>;
   using StringCompletion = std::function<void(std::optional<std::string> value, std::optional<VelaError> error)>;
-  using DictionaryCompletion =
-      std::function<void(std::optional<VelaDictionary> value, std::optional<VelaError> error)>;
+  using DictionaryCompletion = std::function<void(std::optional<VelaDictionary> value, std::optional<VelaError> error)>;
   using KithAccountCompletion =
       std::function<void(std::shared_ptr<VelaKithAccountInfo> account, std::optional<VelaError> error)>;
 
   void enableLocusInContextAsync(std::int32_t context, ErrorCompletion completion);
-  void disableLocusUsingTokenAsync(std::optional<std::string> token, std::int32_t context,
-                                   ErrorCompletion completion);
+  void disableLocusUsingTokenAsync(std::optional<std::string> token, std::int32_t context, ErrorCompletion completion);
   // The value as the synchronous query returns it, even together with an error.
   void kithDeviceIdAsync(StringCompletion completion);
   void locusDeviceIdAsync(StringCompletion completion);

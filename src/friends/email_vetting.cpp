@@ -54,10 +54,10 @@ std::optional<VelaError> VelaNotifySession::vetEmailAccount(std::optional<std::s
 void VelaNotifySession::vetEmailAccountAsync(std::optional<std::string> account, ErrorCompletion completion) {
   if (!account) {
     vela::session::Completer completer(*this);
-    completer([completion = std::move(completion), error = newErrorForCode(VelaErrorCodeAccountIsNil,
-                                                                           "account is nil")] {
-      if (completion) completion(error);
-    });
+    completer(
+        [completion = std::move(completion), error = newErrorForCode(VelaErrorCodeAccountIsNil, "account is nil")] {
+          if (completion) completion(error);
+        });
     return;
   }
   startVetListening();

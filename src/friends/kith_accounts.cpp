@@ -37,6 +37,7 @@ void VelaNotifySession::removeKithAccountWithUsernameAsync(std::optional<std::st
 void VelaNotifySession::retrieveKithAccountAsync(KithAccountCompletion completion) {
   vela::session::callWithoutBlocking(*this, calls::kRetrieveKithAccount,
                                      [completion = std::move(completion)](auto reply) {
-                                       if (completion) completion(std::get<0>(std::move(reply.values)), std::move(reply.error));
+                                       if (completion)
+                                         completion(std::get<0>(std::move(reply.values)), std::move(reply.error));
                                      });
 }

@@ -13,8 +13,9 @@ std::shared_ptr<DistributedCenter> ObserverRegistry::center(std::string_view nam
   std::lock_guard lock(mutex_);
   auto found = centers_.find(name);
   if (found == centers_.end()) {
-    found = centers_.emplace(std::string(name), DistributedCenter::named(std::string(name),
-                                                                         NotificationCenter::defaultCenter()))
+    found = centers_
+                .emplace(std::string(name),
+                         DistributedCenter::named(std::string(name), NotificationCenter::defaultCenter()))
                 .first;
   }
   return found->second;
@@ -32,14 +33,13 @@ NotificationCenter& ObserverRegistry::hub(DistributedCenter& center, Thread thre
   return thread == Thread::kMainThread ? NotificationCenter::defaultCenter() : center.onArrival();
 }
 
-ObserverRegistry::Token ObserverRegistry::add(const std::shared_ptr<DistributedCenter>& center,
-                                              const std::string& name, Thread thread,
-                                              VelaNotifySession::NotificationHandler handler) {
+ObserverRegistry::Token ObserverRegistry::add(const std::shared_ptr<DistributedCenter>& center, const std::string& name,
+                                              Thread thread, VelaNotifySession::NotificationHandler handler) {
   auto key = std::make_shared<const int>(0);
-  hub(*center, thread).addObserver(key, name, center.get(),
-                                   [handler = std::move(handler)](const Notification& notification) {
-                                     handler(notification.name, notification.userInfo);
-                                   });
+  hub(*center, thread)
+      .addObserver(key, name, center.get(), [handler = std::move(handler)](const Notification& notification) {
+        handler(notification.name, notification.userInfo);
+      });
   if (thread == Thread::kMainThread) center->deliverOnMainThread();
   std::lock_guard lock(mutex_);
   const Token token = ++lastToken_;

@@ -60,8 +60,8 @@ class ObserverRegistry {
 
   mutable std::mutex mutex_;
   std::map<std::string, std::shared_ptr<notify::DistributedCenter>, std::less<>> centers_;  // guarded by mutex_
-  std::unordered_map<Token, Entry> entries_;                                                 // guarded by mutex_
-  Token lastToken_ = 0;                                                                      // guarded by mutex_
+  std::unordered_map<Token, Entry> entries_;                                                // guarded by mutex_
+  Token lastToken_ = 0;                                                                     // guarded by mutex_
 };
 
 }  // namespace vela::session

@@ -147,7 +147,17 @@ void Link::fail(Request& request, const VelaError& error) {
 
 bool Link::process(const std::function<bool()>& enough) {
   core_.busMutex.assertHeld();
-  if (!usable()) return false;
+  if (!usable()) {
+    // sd-bus gives up by itself on a connection whose peer went away during
+    // the handshake, leaving nothing to dispatch that would tell: a bus
+    // restarting just as the connection was made. Reported here, or the
+    // connection would sleep on a dead bus for good.
+    if (bus_ != nullptr) {
+      close("bus connection lost");
+      interrupt(Trouble::kBusLost);
+    }
+    return false;
+  }
   int r = 0;
   while (!enough()) {
     sd_bus_message* unclaimed = nullptr;

@@ -3,12 +3,13 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <systemd/sd-bus.h>
 
 #include <cerrno>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#include <systemd/sd-bus.h>
 
 #include "platform/bus/bus_link.h"
 #include "platform/bus/connection_core.h"
@@ -39,9 +40,7 @@ VelaError transportError(std::string_view name, int errnoCode, std::string_view 
   return {std::string(name.empty() ? kErrorDisconnected : name), errnoCode, std::move(userInfo)};
 }
 
-bool isInterfaceName(std::string_view name) {
-  return sd_bus_interface_name_is_valid(std::string(name).c_str()) > 0;
-}
+bool isInterfaceName(std::string_view name) { return sd_bus_interface_name_is_valid(std::string(name).c_str()) > 0; }
 
 std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {
   detail::countForks();
