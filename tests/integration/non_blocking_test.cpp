@@ -210,7 +210,7 @@ class ANonBlockingTwin : public ASessionWithVelad {
     return found != completions_.end() && !found->second.empty() ? found->second.front() : Completion{};
   }
 
-  void behaveForAll(const std::vector<Operation>& operations, VeladControl::Behavior behavior) {
+  void behaveForAll(const std::vector<Operation>& operations, const VeladControl::Behavior& behavior) {
     for (const auto& operation : operations) {
       ASSERT_TRUE(control_->setBehavior(operation.member->name, behavior)) << control_->lastFailure();
     }

@@ -69,7 +69,7 @@ class AnObserver : public ASessionWithVelad {
     return true;
   }
 
-  void post(std::string_view name, std::optional<VelaDictionary> userInfo = std::nullopt) {
+  void post(std::string_view name, const std::optional<VelaDictionary>& userInfo = std::nullopt) {
     ASSERT_TRUE(control_->postNotification(kVelaClientNotifyCenter, name, userInfo)) << control_->lastFailure();
   }
 
