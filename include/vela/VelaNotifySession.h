@@ -349,6 +349,8 @@ class VELA_EXPORT VelaNotifySession : public std::enable_shared_from_this<VelaNo
   void kithDeviceIdAsync(StringCompletion completion);
   void locusDeviceIdAsync(StringCompletion completion);
   void storeAccountAsync(StringCompletion completion);
+  // storeAccountAsync of the shared session.
+  static void copyStoreAccountAsync(StringCompletion completion);
   void locusAccountAsync(DictionaryCompletion completion);
   void nimbusAccountAsync(DictionaryCompletion completion);
   // The accounts retrieveAllAccounts would write, or nullopt where it

@@ -105,6 +105,10 @@ void VelaNotifySession::storeAccountAsync(StringCompletion completion) {
   queryStringAsync(*this, calls::kGetStoreAccount, std::move(completion));
 }
 
+void VelaNotifySession::copyStoreAccountAsync(StringCompletion completion) {
+  sharedInstance()->storeAccountAsync(std::move(completion));
+}
+
 void VelaNotifySession::locusAccountAsync(DictionaryCompletion completion) {
   queryAccountAsync(*this, calls::kGetLocusAccount, asIs, std::move(completion));
 }

@@ -234,6 +234,17 @@ TEST_F(ANonBlockingTwin, CompletesOnTheMainThreadWithWhatTheBlockingOneReturnsAn
     EXPECT_EQ(completion.result.error, std::nullopt) << operation.label;
     EXPECT_EQ(completion.result, operation.sync(*session_)) << operation.label;
   }
+
+  // The static one goes through the shared session.
+  Session::copyStoreAccountAsync(valueAndError<std::optional<std::string>>([this](Result result) {
+    {
+      std::lock_guard lock(mutex_);
+      completions_["copyStoreAccount"].push_back(Completion{std::move(result), true, {}});
+    }
+    VelaMainThread::stop();
+  }));
+  ASSERT_TRUE(awaitCompletions(operations.size() + 1));
+  EXPECT_EQ(only("copyStoreAccount").result, withLastResult(valueOf(Session::copyStoreAccount())));
 }
 
 TEST_F(ANonBlockingTwin, CompletesWithTheDaemonsErrorAndWhatCameBesideIt) {
