@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# The project's demo command. Installs what is missing, builds velad and
-# velactl (release preset), starts a private message bus and velad on it, and
-# runs each velactl command below twice: once with --json, once for people.
+# The project's demo command. Installs what is missing, builds velad, velactl
+# and the GLib example (release preset), starts a private message bus and
+# velad on it, runs each velactl command below twice (once with --json, once
+# for people), and last the GLib example, which toggles locating.
 # The machine's own buses and preference stores are never touched, and every
 # process and file the demo made is gone when it exits.
 
@@ -41,9 +42,10 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
 "$root/scripts/deps.sh"
-echo "Building velad and velactl (release preset)..."
+echo "Building velad, velactl and the GLib example (release preset)..."
 build_log=$(mktemp "${TMPDIR:-/tmp}/vela-demo-build.XXXXXX")
-if ! { cmake --preset release && cmake --build --preset release --target velad velactl; } >"$build_log" 2>&1; then
+if ! { cmake --preset release &&
+  cmake --build --preset release --target velad velactl vela_glib_host_example; } >"$build_log" 2>&1; then
   cat "$build_log" >&2
   rm -f "$build_log"
   exit 1
@@ -52,6 +54,8 @@ rm -f "$build_log"
 # Wherever the build put them.
 velad=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velad -perm -u+x -print -quit)
 velactl=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velactl -perm -u+x -print -quit)
+glib_example=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name vela_glib_host_example \
+  -perm -u+x -print -quit)
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/vela-demo.XXXXXX")
 bus_pid=""
@@ -135,8 +139,16 @@ for entry in "${demo_commands[@]}"; do
   done
 done
 
+# A GLib host: observes velad's notifications and switches locating without
+# blocking its loop; it exits once the switch has settled.
+printf '\n$ vela_glib_host_example --toggle\n'
+"$glib_example" --toggle || {
+  echo "(vela_glib_host_example exited with status $?)"
+  failures=$((failures + 1))
+}
+
 if ((failures > 0)); then
-  printf '\ndemo: %d velactl runs failed; velad said:\n' "$failures" >&2
+  printf '\ndemo: %d runs failed; velad said:\n' "$failures" >&2
   cat "$work/velad.log" >&2
   exit 1
 fi

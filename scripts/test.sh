@@ -88,7 +88,7 @@ run_ctest() {
 # shellcheck disable=SC2317  # reached through step
 # check_format: lists every C++ source that clang-format would change.
 check_format() {
-  find include src daemon tools tests bench \( -name '*.cpp' -o -name '*.h' \) -print0 |
+  find include src daemon tools examples tests bench \( -name '*.cpp' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror
 }
 
