@@ -337,6 +337,7 @@ struct NamedConnection::Core {
   std::vector<std::shared_ptr<detail::ExitFlush>> exitFlushes;  // guarded by mutex
   bool invalidateRequested = false;                             // guarded by mutex
   bool stopRequested = false;                                   // guarded by mutex
+  bool loopEnded = false;                                       // guarded by mutex: the thread is gone
   detail::Reader reader = detail::Reader::kNone;                // guarded by mutex
   // Callers whose answer someone else reads for them, first come first.
   std::deque<std::shared_ptr<detail::Waiter>> waiting;  // guarded by mutex
@@ -415,6 +416,30 @@ struct NamedConnection::Core {
   bool queueEmpty() const {
     std::lock_guard lock(mutex);
     return !hasQueuedWork();
+  }
+
+  // Marks the connection's thread as gone, and lets go of exit() waits that
+  // came too late for it. The thread's last act on the connection.
+  void endLoop() {
+    std::vector<std::shared_ptr<detail::ExitFlush>> late;
+    {
+      std::lock_guard lock(mutex);
+      loopEnded = true;
+      late.swap(exitFlushes);
+    }
+    for (const auto& flush : late) flush->finish();
+  }
+
+  // Queues a wait of exit() for the connection's thread to write what it
+  // holds; false when that thread is gone and there is nothing to wait for.
+  bool queueExitFlush(const std::shared_ptr<detail::ExitFlush>& flush) {
+    {
+      std::lock_guard lock(mutex);
+      if (loopEnded) return false;
+      exitFlushes.push_back(flush);
+    }
+    wake();
+    return true;
   }
 
   // Whether this is the connection's own thread.

@@ -75,6 +75,7 @@ class Loop {
           core_->link = nullptr;
           unlockBus(&link_, bus, Wakes::ofThisThread());
           runTasks(core_->takeDeferred());
+          core_->endLoop();
           return;
         }
         timeout = prepareSleep();

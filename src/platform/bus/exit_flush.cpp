@@ -55,13 +55,8 @@ void flushAtExit() {
     // fork(), or one whose thread never started: neither has a loop to wait for.
     if (core.get() == loopOfThisThread || core->generation != forkGeneration.load() || core->wakeFd < 0) continue;
     if (flushHere(*core)) continue;
-    auto flush = std::make_shared<ExitFlush>();
-    {
-      std::lock_guard lock(core->mutex);
-      core->exitFlushes.push_back(flush);
-    }
-    core->wake();
-    waits.push_back(std::move(flush));
+    // A connection whose thread has ended holds nothing more to write.
+    if (auto flush = std::make_shared<ExitFlush>(); core->queueExitFlush(flush)) waits.push_back(std::move(flush));
   }
   for (const auto& flush : waits) {
     std::unique_lock lock(flush->mutex);
