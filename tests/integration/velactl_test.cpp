@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // velactl run as a separate process: its one-object JSON contract, its exit
 // statuses and how it takes the friends account's tokens.
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -157,6 +157,7 @@ TEST_F(VelactlUsage, MistakesExitWith2AndSendNothing) {
            "prefs",                           // a command that needs one of its own
            "prefs get launches",              // a missing required option
            "prefs set k '{oops' --domain d",  // a value that is not JSON
+           "monitor --center clientnotify",   // a center that is not an interface name
        }) {
     const VelactlOutput output = runVelactl(arguments);
     EXPECT_EQ(output.exitCode, kUsageError) << "velactl " << arguments;
@@ -188,7 +189,7 @@ TEST_F(VelactlUsage, HelpAndVersionExitWith0) {
 class VelactlTokens : public ASessionWithVelad {
  protected:
   // The tokens the daemon keeps, as {appAuthToken, internalAuthToken}.
-  nlohmann::json storedTokens() {
+  static nlohmann::json storedTokens() {
     const VelactlRun run = velactl("retrieve-kith-account --show-tokens");
     EXPECT_EQ(run.exitCode, kSucceeded);
     const nlohmann::json& account = run.output["result"];

@@ -89,7 +89,7 @@ Subprocess::Fd& Subprocess::Fd::operator=(Fd&& other) noexcept {
 
 int Subprocess::Fd::release() noexcept { return std::exchange(fd_, -1); }
 
-Subprocess::Subprocess(const std::vector<std::string>& argv, SubprocessOptions options) {
+Subprocess::Subprocess(const std::vector<std::string>& argv, const SubprocessOptions& options) {
   if (argv.empty()) throw std::invalid_argument("Subprocess: empty argv");
 
   Fd writeEnd;
@@ -122,6 +122,10 @@ Subprocess::Subprocess(const std::vector<std::string>& argv, SubprocessOptions o
   if (options.notifyPipe) {
     checkSpawn(::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), kNotifyFd),
                "posix_spawn_file_actions_adddup2");
+    if (options.stdoutToPipe) {
+      checkSpawn(::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), STDOUT_FILENO),
+                 "posix_spawn_file_actions_adddup2");
+    }
     firstClosed = kNotifyFd + 1;
   }
   // Descriptors the test process opened without close-on-exec (or that a

@@ -56,6 +56,7 @@ class FileActions {
 struct SubprocessOptions {
   bool notifyPipe = false;     // give the child a pipe at Subprocess::kNotifyFd
   bool discardStdout = false;  // send the child's stdout to /dev/null
+  bool stdoutToPipe = false;   // send the child's stdout to the notification pipe too (needs notifyPipe)
   std::string stderrPath;      // if set, append the child's stderr to this file
 };
 
@@ -69,7 +70,7 @@ class Subprocess {
   static constexpr int kNotifyFd = 3;
 
   // Throws std::runtime_error when the program cannot be started.
-  explicit Subprocess(const std::vector<std::string>& argv, SubprocessOptions options = {});
+  explicit Subprocess(const std::vector<std::string>& argv, const SubprocessOptions& options = {});
   ~Subprocess();
   Subprocess(const Subprocess&) = delete;
   Subprocess& operator=(const Subprocess&) = delete;

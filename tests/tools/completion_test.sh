@@ -3,7 +3,8 @@
 # velactl's bash completion, run against velactl itself: completing offers
 # exactly the commands and options that velactl's --help lists, at every
 # level; leaves option values alone, but for --tokens-from, which takes a
-# file; and every command's --help ends with an example of it.
+# file, and monitor's --name, which takes a notification name; and every
+# command's --help ends with an example of it.
 #
 #   completion_test.sh VELACTL COMPLETION_SCRIPT
 set -uo pipefail
@@ -71,9 +72,9 @@ check_command() {
 }
 
 check_command
-# 27 commands and prefs' four: a parse of --help that found none would
+# 28 commands and prefs' four: a parse of --help that found none would
 # otherwise pass.
-((commands_seen >= 31)) || fail "only $commands_seen commands were found in velactl's --help"
+((commands_seen >= 32)) || fail "only $commands_seen commands were found in velactl's --help"
 
 # Options before the command, and their values, do not hide it.
 expect_same "velactl --json prefs <TAB>" "$(printf '%s\n' get list remove set)" "$(offered --json prefs "")"
@@ -92,6 +93,12 @@ expect_same "velactl add-kith-account --tokens-from <TAB>" "$work/tokens.json" \
   "$(offered add-kith-account --tokens-from "$work/tok")"
 expect_same "velactl add-kith-account --tokens-from=<TAB>" "$work/tokens.json" \
   "$(offered add-kith-account --tokens-from = "$work/tok")"
+
+# monitor's --name offers the names it observes by default.
+expect_same "velactl monitor --name <TAB>" "$("$velactl" monitor --list-names | sort)" \
+  "$(offered monitor --name "")"
+expect_same "velactl monitor --name com.zentrex.nimbus.locus.lostmode.e<TAB>" \
+  "com.zentrex.nimbus.locus.lostmode.enable" "$(offered monitor --name com.zentrex.nimbus.locus.lostmode.e)"
 
 # The tokens have no option of their own to complete.
 if offered add-kith-account -- | grep -qx -e --app-auth-token -e --internal-auth-token; then

@@ -55,7 +55,7 @@ document_commands() {
   done
 }
 document_commands
-((commands_seen >= 31)) || fail "only $commands_seen commands were found in velactl's --help"
+((commands_seen >= 32)) || fail "only $commands_seen commands were found in velactl's --help"
 
 for option in $("$velad" --help | listed_options); do
   grep -Eq -- "^\.(B|BI|BR) $option( |$|,)" <<<"$velad_text" || fail "velad.8 has no paragraph for $option"

@@ -22,6 +22,9 @@ struct Outcome {
   // More work after the outcome is printed (told whether --json was given);
   // false makes the exit status 1.
   std::function<bool(bool json)> then = nullptr;
+  // The command prints all its output in `then` (a stream of its own): main
+  // prints no outcome, which with --json would be one object too many.
+  bool printsItself = false;
 };
 
 // The chosen subcommand's work, set while the command line is parsed.
@@ -35,6 +38,7 @@ void addLostModeCommands(CLI::App& app, Action& chosen);
 void addPrefsCommands(CLI::App& app, Action& chosen);
 void addVettingCommands(CLI::App& app, Action& chosen);
 void addKithCommands(CLI::App& app, Action& chosen);
+void addMonitorCommand(CLI::App& app, Action& chosen);
 
 // Registering a subcommand costs more than the call a short-lived velactl
 // makes, so only the one the command line names is registered. Empty (help,

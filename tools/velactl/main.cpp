@@ -117,7 +117,7 @@ void listCommands(const CLI::App& command, const std::string& path) {
 constexpr const char* kFooter = R"(Run `velactl COMMAND --help` for a command's options and an example.
 
 Exit status:
-  0  the operation succeeded
+  0  the operation succeeded; monitor: SIGINT or SIGTERM ended it
   1  the operation failed: the library or the daemon returned an error, or
      velaLastOperationResult was not 0 (what went wrong is printed)
   2  usage error: no or an unknown command, a bad or missing option, or
@@ -130,7 +130,9 @@ unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
 [[nodiscard]] int run(int argc, char** argv) {
   CLI::App app{"velactl: talk to the device-locating daemon through the VelaNotification library"};
   bool json = false;
-  app.add_flag("--json", json, "Print exactly one JSON object: {result, error, velaLastOperationResult}");
+  app.add_flag("--json", json,
+               "Print exactly one JSON object: {result, error, velaLastOperationResult}; monitor prints one "
+               "{center, name, userInfo} per line instead, one for each notification");
   app.set_version_flag("--version", "velactl " VELA_VERSION, "Print velactl's version and exit");
   app.add_flag_callback("--list-commands",
                         [&app] {
@@ -143,8 +145,9 @@ unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
   velactl::Action chosen;
   const std::string_view named = subcommandName(argc, argv);
   velactl::registerOnly(named);
-  for (const auto add : {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
-                         velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands}) {
+  for (const auto add :
+       {velactl::addLocatingCommands, velactl::addTopicCommands, velactl::addLostModeCommands,
+        velactl::addPrefsCommands, velactl::addVettingCommands, velactl::addKithCommands, velactl::addMonitorCommand}) {
     add(app, chosen);
   }
   // Set last: subcommands start with their parent's footer, and each has its own.
@@ -165,7 +168,7 @@ unless polkit allows them; at a terminal, run `pkexec velactl ...`.)";
     return status == static_cast<int>(CLI::ExitCodes::Success) ? kExitSuccess : kExitUsage;
   }
   const velactl::Outcome outcome = chosen();
-  int status = report(outcome, json);
+  int status = outcome.printsItself ? kExitSuccess : report(outcome, json);
   if (outcome.then && !outcome.then(json)) status = kExitFailed;
   return status;
 }
