@@ -46,8 +46,10 @@ struct Notification;
 // THREADING
 // A session may be used from any thread, by several threads at once. The
 // session owns one connection with a thread of its own, "the connection's
-// thread": reply closures, completions of the asynchronous operations and the
-// connection's handlers run there, with none of the library's locks held. A
+// thread": reply closures, the completions of locusStateWithCompletion and
+// isLocusStateChangeInProgressWithCompletion, observers that asked for it
+// and the connection's handlers run there, with none of the library's locks
+// held. The non-blocking twins complete on the main thread instead. A
 // synchronous operation called on the connection's thread fails at once with
 // 106 "timed out": its answer could only be read by that very thread.
 //
