@@ -32,8 +32,8 @@ inline std::string notificationCenterPath(std::string_view center) {
 // these notifications to the requester alone, on this center. velad also
 // announces its own state changes there, the one center clients listen to.
 inline constexpr std::string_view kClientNotifyCenter = kVelaClientNotifyCenter;
-inline constexpr std::string_view kVetResultsFoundNotification = "vet.results.found";
-inline constexpr std::string_view kVetFinishedNotification = "vet.finished";
+inline constexpr std::string_view kVetResultsFoundNotification = kVelaVetResultsFoundNotification;
+inline constexpr std::string_view kVetFinishedNotification = kVelaVetFinishedNotification;
 
 // User info of the state changes velad announces (published with the center).
 inline constexpr std::string_view kLocusStateChangeKey = kVelaLocusStateKey;

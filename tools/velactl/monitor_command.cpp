@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include <systemd/sd-bus.h>
+
 #include <vela/VelaConstants.h>
 #include <vela/VelaMainThread.h>
 #include <vela/VelaNotificationCenters.h>
@@ -19,41 +21,20 @@ namespace velactl {
 namespace {
 
 // The names posted on the client center: the daemon's state changes, the
-// account and alarm notifications, and the two of a vetting, which have no
-// public constant (the center's interface description lists them).
+// account and alarm notifications, and the two of a vetting.
 std::vector<std::string> postedNames() {
   return {std::string(kLocusStateDidChangeNotification),
           std::string(kLostModeChangedNotification),
           std::string(kStopLostModeAlarmNotification),
           std::string(kVelaAccountMigratedNotification),
           std::string(kVelaMigrateAccountNotification),
-          "vet.results.found",
-          "vet.finished"};
+          std::string(kVelaVetResultsFoundNotification),
+          std::string(kVelaVetFinishedNotification)};
 }
 
-constexpr std::size_t kMaxInterfaceName = 255;
-
-bool isNameCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
-
-// A center is named as a D-Bus interface: two or more dot-separated elements
-// of letters, digits and '_', none starting with a digit. Checked here so
-// that a mistyped center is a usage error rather than a silent monitor.
-bool isInterfaceName(std::string_view name) {
-  if (name.size() > kMaxInterfaceName) return false;
-  std::size_t elements = 0;
-  for (std::size_t start = 0; start <= name.size(); ++elements) {
-    const std::size_t end = std::min(name.find('.', start), name.size());
-    const std::string_view element = name.substr(start, end - start);
-    if (element.empty() || (element.front() >= '0' && element.front() <= '9')) return false;
-    for (const char c : element) {
-      if (!isNameCharacter(c)) return false;
-    }
-    start = end + 1;
-  }
-  return elements >= 2;
-}
+// A center is named as a D-Bus interface. Checked here so that a mistyped
+// center is a usage error rather than a silent monitor.
+bool isInterfaceName(const std::string& name) { return sd_bus_interface_name_is_valid(name.c_str()) > 0; }
 
 struct MonitorOptions {
   std::string center{kVelaClientNotifyCenter};
