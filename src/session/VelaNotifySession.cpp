@@ -61,7 +61,8 @@ VelaNotifySession::~VelaNotifySession() {
     setCenter(nullptr);
   }
   _stopVettingNotifications();
-  // The host's observers end with the registry; none is waited for.
+  // No retry of the bus starts from here on. The host's observers end with
+  // the registry, and a handler already running is not waited for.
   reconnects_->cancel();
   setDelegate({});
   _destroyLinkConnection();
