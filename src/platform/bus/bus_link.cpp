@@ -54,9 +54,13 @@ NamedConnection::CallOutcome readOutcome(sd_bus_message* reply, const protocol::
                                      error->message != nullptr ? error->message : "");
     return outcome;
   }
-  std::string whyNot = "reply is not a{sv}";
+  std::string whyNot;
   const std::array<protocol::Fields, 2> described{member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
-  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) outcome.reply = readDescribedKeys(reply, described, &whyNot);
+  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) {
+    outcome.reply = readDescribedKeys(reply, described, &whyNot);
+  } else {
+    whyNot = "reply is not a{sv}";
+  }
   if (!outcome.reply) outcome.failure = transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
   return outcome;
 }
@@ -162,6 +166,8 @@ bool Link::process(const std::function<bool()>& enough) {
   while (!enough()) {
     sd_bus_message* unclaimed = nullptr;
     r = sd_bus_process(bus_, &unclaimed);
+    // 0: sd-bus had nothing left to do, so nothing read waits in it.
+    mayHoldUndispatched_ = r != 0;
     if (unclaimed != nullptr) {
       takeUnclaimed(unclaimed);
       sd_bus_message_unref(unclaimed);
@@ -185,12 +191,14 @@ bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
 }
 
 bool Link::awaitsBackground() const {
-  return usable() && (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus());
+  return (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus()) && usable();
 }
 
-bool Link::hasUndispatched() const {
+bool Link::hasUndispatched() {
+  if (!mayHoldUndispatched_) return false;
   std::uint64_t timeout = UINT64_MAX;
-  return usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  mayHoldUndispatched_ = usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  return mayHoldUndispatched_;
 }
 
 int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {

@@ -64,7 +64,7 @@ class Link {
   bool awaitsBackground() const;
 
   // Whether sd-bus holds messages already read but not yet dispatched.
-  bool hasUndispatched() const;
+  bool hasUndispatched();
 
   // Fails everything in flight and lets go of the bus. Idempotent.
   void close(const char* why);
@@ -73,7 +73,9 @@ class Link {
   void invalidate();
 
   void flush() {
-    if (usable()) (void)sd_bus_flush(bus_);
+    if (!usable()) return;
+    mayHoldUndispatched_ = true;
+    (void)sd_bus_flush(bus_);
   }
 
   bool idle() const { return pending_.empty(); }
@@ -127,6 +129,10 @@ class Link {
   std::deque<PendingCall> pending_;
   std::size_t pendingInBackground_ = 0;            // pending calls with handlers rather than a waiter
   std::vector<std::shared_ptr<Waiter>> answered_;  // settled, not yet woken
+  // False once sd-bus is known to hold nothing read and undispatched: only
+  // sd_bus_process() reads (sd_bus_flush() through it), so until one of
+  // them runs again sd-bus need not be asked.
+  bool mayHoldUndispatched_ = true;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled
   bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more

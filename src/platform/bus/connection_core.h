@@ -131,16 +131,18 @@ class Waiter {
   // Gives up without sleeping (the caller reads, and its deadline passed):
   // the answer, if it came just in time, is kept.
   bool abandon() {
+    // An answer is final: nothing to lock against then.
+    if (answered()) return false;
     std::lock_guard lock(mutex_);
     if (state_ == State::kAnswered) return false;
     state_ = State::kAbandoned;
     return true;
   }
 
-  CallOutcome takeOutcome() {
-    std::lock_guard lock(mutex_);
-    return std::move(outcome_);
-  }
+  // For the caller, once answered or given up: the outcome is then written
+  // no more, and the state it read (with acquire) orders the answer's
+  // writing before this.
+  CallOutcome takeOutcome() { return std::move(outcome_); }
 
  private:
   enum class State { kWaiting, kAnswered, kAbandoned };
@@ -150,7 +152,7 @@ class Waiter {
   // Changed under mutex_; atomic so that it can be asked without it.
   std::atomic<State> state_{State::kWaiting};
   bool givenBus_ = false;  // guarded by mutex_
-  CallOutcome outcome_;    // guarded by mutex_
+  CallOutcome outcome_;    // written under mutex_, and only while kWaiting
 };
 
 // The callers a holder of the bus answered or handed the bus to, woken only
