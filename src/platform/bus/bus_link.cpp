@@ -42,27 +42,48 @@ std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline) 
   return static_cast<std::uint64_t>(std::max<std::int64_t>(left, 1));
 }
 
-// What a reply carried, read where it arrived. Only the keys the member
-// reads are decoded: a daemon that adds keys, whatever their type, still
-// answers older clients.
-NamedConnection::CallOutcome readOutcome(sd_bus_message* reply, const protocol::Member& member) {
-  NamedConnection::CallOutcome outcome;
-  if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
-    const sd_bus_error* error = sd_bus_message_get_error(reply);
-    const int errnoCode = sd_bus_message_get_errno(reply);
-    outcome.failure = transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
-                                     error->message != nullptr ? error->message : "");
-    return outcome;
+// The failure an error reply stands for.
+VelaError errorReplyFailure(sd_bus_message* reply) {
+  const sd_bus_error* error = sd_bus_message_get_error(reply);
+  const int errnoCode = sd_bus_message_get_errno(reply);
+  return transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
+                        error->message != nullptr ? error->message : "");
+}
+
+VelaError undecodableReplyFailure(const std::string& whyNot) {
+  return transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
+}
+
+// The keys a reply of `member` is read for. Only these are decoded: a
+// daemon that adds keys, whatever their type, still answers older clients.
+std::array<protocol::Fields, 2> replyKeys(const protocol::Member& member) {
+  return {member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
+}
+
+// A synchronous caller's reply, read where it arrived into `sink`.
+NamedConnection::CallOutcome readReply(sd_bus_message* reply, const protocol::Member& member, DescribedKeySink& sink) {
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {false, errorReplyFailure(reply)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) return {false, undecodableReplyFailure("reply is not a{sv}")};
+  std::string whyNot;
+  if (!readDescribedKeys(reply, replyKeys(member), sink, &whyNot)) return {false, undecodableReplyFailure(whyNot)};
+  return {true, std::nullopt};
+}
+
+// The same for a request with handlers, which take the reply whole.
+struct Answer {
+  std::optional<VelaDictionary> reply;
+  std::optional<VelaError> failure;
+};
+
+Answer readAnswer(sd_bus_message* reply, const protocol::Member& member) {
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {std::nullopt, errorReplyFailure(reply)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) {
+    return {std::nullopt, undecodableReplyFailure("reply is not a{sv}")};
   }
   std::string whyNot;
-  const std::array<protocol::Fields, 2> described{member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
-  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) {
-    outcome.reply = readDescribedKeys(reply, described, &whyNot);
-  } else {
-    whyNot = "reply is not a{sv}";
-  }
-  if (!outcome.reply) outcome.failure = transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
-  return outcome;
+  std::optional<VelaDictionary> keys = readDescribedKeys(reply, replyKeys(member), &whyNot);
+  if (!keys) return {std::nullopt, undecodableReplyFailure(whyNot)};
+  return {std::move(keys), std::nullopt};
 }
 
 }  // namespace
@@ -143,7 +164,7 @@ Link::Started Link::start(Request& request) {
 
 void Link::fail(Request& request, const VelaError& error) {
   if (request.waiter) {
-    (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
+    (void)request.waiter->answer(NamedConnection::CallOutcome{false, error});
   } else if (request.onFailure) {
     defer([onFailure = std::move(request.onFailure), error] { invokeGuarded(onFailure, error); });
   }
@@ -228,23 +249,37 @@ void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
   PendingCall call = std::move(*found);
   pending_.erase(found);
   const bool unreachable = repliesUnreachable(message);
-  conclude(call, readOutcome(message, *call.member));
+  if (call.waiter) {
+    // A caller that gave up drops the answer here, unread.
+    wakeIfSettled(
+        call, call.waiter->settleBy([&](DescribedKeySink& sink) { return readReply(message, *call.member, sink); }));
+  } else {
+    Answer answer = readAnswer(message, *call.member);
+    runHandlers(call, std::move(answer.reply), std::move(answer.failure));
+  }
   if (unreachable) this->unreachable(Trouble::kUnreachable);
 }
 
-void Link::conclude(PendingCall& call, NamedConnection::CallOutcome outcome) {
+void Link::conclude(PendingCall& call, const VelaError& failure) {
   if (call.waiter) {
-    // A caller that gave up drops the answer here.
-    if (call.waiter->settle(std::move(outcome))) answered_.push_back(std::move(call.waiter));
-    return;
+    wakeIfSettled(call, call.waiter->settle(NamedConnection::CallOutcome{false, failure}));
+  } else {
+    runHandlers(call, std::nullopt, failure);
   }
+}
+
+void Link::wakeIfSettled(PendingCall& call, bool settled) {
+  if (settled) answered_.push_back(std::move(call.waiter));
+}
+
+void Link::runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure) {
   --pendingInBackground_;
-  defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure),
-         outcome = std::move(outcome)]() mutable {
-    if (outcome.failure) {
-      invokeGuarded(onFailure, *outcome.failure);
+  defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure), reply = std::move(reply),
+         failure = std::move(failure)]() mutable {
+    if (failure) {
+      invokeGuarded(onFailure, *failure);
     } else {
-      invokeGuarded(onReply, std::move(*outcome.reply));
+      invokeGuarded(onReply, std::move(*reply));
     }
   });
 }
@@ -281,7 +316,7 @@ void Link::close(const char* why) {
   owners_.detach();
   bus_ = sd_bus_close_unref(bus_);
   const VelaError error = connectionError(ENOTCONN, why);
-  for (auto& call : failed) conclude(call, NamedConnection::CallOutcome{std::nullopt, error});
+  for (auto& call : failed) conclude(call, error);
   // Closing is rare and may happen with nobody left to let go of the bus
   // (the connection's thread ending): its callers are woken now.
   for (const auto& waiter : std::exchange(answered_, {})) waiter->wake();

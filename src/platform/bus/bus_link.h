@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <systemd/sd-bus.h>
@@ -108,9 +109,14 @@ class Link {
     FailureHandler onFailure;
   };
 
-  // Gives a call its outcome: its waiter settled (to be woken once the bus
-  // is let go of), or its handlers deferred to the connection's thread.
-  void conclude(PendingCall& call, NamedConnection::CallOutcome outcome);
+  // Fails a call: its waiter settled (to be woken once the bus is let go
+  // of), or its handlers deferred to the connection's thread. A reply goes
+  // the same ways in takeReply().
+  void conclude(PendingCall& call, const VelaError& failure);
+  // A settled caller is woken once the bus is let go of; one that gave up
+  // is not woken at all.
+  void wakeIfSettled(PendingCall& call, bool settled);
+  void runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure);
   void fail(Request& request, const VelaError& error);
   // A message sd-bus dispatched to no one: a reply to a pending call, or a
   // method call for an object this connection does not have.

@@ -78,6 +78,10 @@ class Waiter {
  public:
   using CallOutcome = NamedConnection::CallOutcome;
 
+  // `sink` takes the reply's keys: the caller's, alive until it has the
+  // outcome.
+  explicit Waiter(DescribedKeySink& sink) : sink_(sink) {}
+
   // Leaves the answer; false when the caller has already given up, in which
   // case the answer goes nowhere. The wake-up is the caller's alone.
   bool answer(CallOutcome outcome) {
@@ -93,6 +97,18 @@ class Waiter {
     std::lock_guard lock(mutex_);
     if (state_ != State::kWaiting) return false;
     outcome_ = std::move(outcome);
+    state_.store(State::kAnswered, std::memory_order_release);
+    return true;
+  }
+
+  // settle() with the outcome `read(sink)` gives, reading a reply into the
+  // caller's sink: under the lock, so that the caller cannot give up and
+  // leave meanwhile. False when it already has; nothing is read then.
+  template <typename Read>
+  bool settleBy(const Read& read) {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kWaiting) return false;
+    outcome_ = read(sink_);
     state_.store(State::kAnswered, std::memory_order_release);
     return true;
   }
@@ -147,6 +163,7 @@ class Waiter {
  private:
   enum class State { kWaiting, kAnswered, kAbandoned };
 
+  DescribedKeySink& sink_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   // Changed under mutex_; atomic so that it can be asked without it.

@@ -87,8 +87,8 @@ class Loop {
   }
 
  private:
-  static void runTasks(std::vector<std::function<void()>> tasks) {
-    for (auto& task : tasks) task();
+  static void runTasks(const std::vector<std::function<void()>>& tasks) {
+    for (const auto& task : tasks) task();
   }
 
   // Sends what the handle queued, in order; subscriptions first, so that a
@@ -153,7 +153,7 @@ class Loop {
     if (!fresh) {
       const VelaError error = connectionError(ENOTCONN, "bus connection lost");
       if (request.waiter) {
-        (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
+        (void)request.waiter->answer(NamedConnection::CallOutcome{false, error});
       } else if (request.onFailure) {
         link_.defer([onFailure = std::move(request.onFailure), error] { invokeGuarded(onFailure, error); });
       }
