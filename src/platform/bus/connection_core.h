@@ -192,11 +192,9 @@ class Wakes {
     waiters_.clear();
   }
 
-  // One per thread, so that its storage is reused call after call.
-  static Wakes& ofThisThread() {
-    thread_local Wakes wakes;
-    return wakes;
-  }
+  // One per thread, so that its storage is reused call after call. Out of
+  // line: inlined, g++ asks for the thread's storage again at every use.
+  static Wakes& ofThisThread();
 
  private:
   std::vector<std::shared_ptr<Waiter>> waiters_;
@@ -316,10 +314,11 @@ extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-
 
 // Milliseconds for poll() or epoll_wait() until the earlier of an sd-bus
 // time-out (absolute CLOCK_MONOTONIC microseconds; UINT64_MAX or nullopt for
-// none) and `deadline`; -1 for neither. Rounded up, so that a wake-up never
-// comes before what it waits for.
+// none) and `deadline`, from `now`; -1 for neither. Rounded up, so that a
+// wake-up never comes before what it waits for.
 int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
-                   std::optional<std::chrono::steady_clock::time_point> deadline);
+                   std::optional<std::chrono::steady_clock::time_point> deadline,
+                   std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
 
 // Who reads the bus. Only one thread at a time may: it dispatches what
 // arrives to everyone, so the others sleep without the bus.

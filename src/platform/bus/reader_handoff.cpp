@@ -47,10 +47,12 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     int fd = -1;
     int events = 0;
     std::uint64_t busTimeout = UINT64_MAX;
-    if (!alive || !link->pollSpec(fd, events, busTimeout) || Clock::now() >= deadline) break;
+    if (!alive || !link->pollSpec(fd, events, busTimeout)) break;
+    const Clock::time_point now = Clock::now();
+    if (now >= deadline) break;
     std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
                               pollfd{core.readerWakeFd, POLLIN, 0}};
-    const int timeout = sleepTimeoutMs(busTimeout, deadline);
+    const int timeout = sleepTimeoutMs(busTimeout, deadline, now);
     unlockBus(link, busLock, wakes);
     (void)::poll(fds.data(), fds.size(), timeout);
     if ((fds[1].revents & POLLIN) != 0) Core::consumeFd(core.readerWakeFd);
