@@ -230,15 +230,17 @@ int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*er
 
 void Link::takeUnclaimed(sd_bus_message* message) {
   std::uint64_t cookie = 0;
-  if (sd_bus_message_get_reply_cookie(message, &cookie) < 0) {
+  if (sd_bus_message_get_reply_cookie(message, &cookie) >= 0) {
+    takeReply(message, cookie);
+  } else if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
     // What sd-bus answers by itself when nobody takes the message.
-    if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
-      (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
-                                       sd_bus_message_get_path(message));
-    }
-    return;
+    (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
+                                     sd_bus_message_get_path(message));
+  } else if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+    // What sd-bus makes up once it has lost the bus. Caught here rather
+    // than by a filter, which every message would go through.
+    interrupt(Trouble::kBusLost);
   }
-  takeReply(message, cookie);
 }
 
 void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {

@@ -118,8 +118,9 @@ class Link {
   void wakeIfSettled(PendingCall& call, bool settled);
   void runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure);
   void fail(Request& request, const VelaError& error);
-  // A message sd-bus dispatched to no one: a reply to a pending call, or a
-  // method call for an object this connection does not have.
+  // A message sd-bus dispatched to no one: a reply to a pending call, a
+  // method call for an object this connection does not have, or the loss of
+  // the bus.
   void takeUnclaimed(sd_bus_message* message);
   // The reply to the pending call with `cookie`, if it is still pending.
   void takeReply(sd_bus_message* message, std::uint64_t cookie);
