@@ -168,7 +168,7 @@ class ReplyDecoder final : public bus::DescribedKeySink {
   }
 
   const protocol::Member* member_;
-  Reply decoded_;
+  Reply decoded_{};
   // One per reply key, then the error's.
   std::array<bool, sizeof...(Values) + 1> refused_{};
 };

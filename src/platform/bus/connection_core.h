@@ -155,9 +155,9 @@ class Waiter {
     return true;
   }
 
-  // For the caller, once answered or given up: the outcome is then written
-  // no more, and the state it read (with acquire) orders the answer's
-  // writing before this.
+  // For the caller, once it has seen its answer or given up: nothing
+  // writes the outcome any more, and seeing the answer (an acquire, or
+  // under the lock) ordered its writing first.
   CallOutcome takeOutcome() { return std::move(outcome_); }
 
  private:
