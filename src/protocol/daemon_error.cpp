@@ -13,18 +13,15 @@ VelaDictionary encodeDaemonError(const VelaError& error) {
   };
 }
 
-std::optional<std::optional<VelaError>> decodeDaemonError(const VelaDictionary& reply) {
-  TypedReader outer(reply);
-  const VelaDictionary* fields = outer.dictionary(kErrorKey);
-  if (!outer.ok()) return std::nullopt;
-  if (fields == nullptr) return std::optional<VelaError>();
+std::optional<VelaError> decodeDaemonError(const VelaValue& value) {
+  const VelaDictionary* fields = value.asDictionary();
+  if (fields == nullptr) return std::nullopt;
   TypedReader error(*fields);
   auto domain = error.string(kErrorDomainKey);
   const auto code = error.integer(kErrorCodeKey);
   const VelaDictionary* userInfo = error.dictionary(kErrorUserInfoKey);
   if (!error.ok() || !domain || !code) return std::nullopt;
-  return std::optional<VelaError>(std::in_place, std::move(*domain), *code,
-                                  userInfo != nullptr ? *userInfo : VelaDictionary{});
+  return VelaError(std::move(*domain), *code, userInfo != nullptr ? *userInfo : VelaDictionary{});
 }
 
 }  // namespace vela::protocol

@@ -30,9 +30,9 @@ inline constexpr Field kDaemonErrorField{kErrorKey, WireType::kDictionary, &kDae
 
 VelaDictionary encodeDaemonError(const VelaError& error);
 
-// The error under "error" in `reply`: nullopt inside when there is none. The
-// outer nullopt means the reply does not decode (a missing domain or code, or
-// a value of the wrong type); a missing user info is empty.
-std::optional<std::optional<VelaError>> decodeDaemonError(const VelaDictionary& reply);
+// The error a reply carries as `value` under "error"; nullopt when it does
+// not decode (not a dictionary, a missing domain or code, or a value of the
+// wrong type). A missing user info is empty.
+std::optional<VelaError> decodeDaemonError(const VelaValue& value);
 
 }  // namespace vela::protocol

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -17,9 +18,10 @@
 #include <vela/VelaValue.h>
 
 #include "platform/bus/named_connection.h"
+#include "platform/bus/variant_codec.h"
 #include "protocol/daemon_error.h"
+#include "protocol/int32.h"
 #include "protocol/members.h"
-#include "protocol/typed_reader.h"
 #include "records/archive_io.h"
 
 // Each member as the client calls it, described once: its entry in the
@@ -77,17 +79,99 @@ void put(VelaDictionary& args, std::string_view key, const std::shared_ptr<Recor
   if (record) args.insert_or_assign(std::string(key), records::archiveRecord(*record));
 }
 
-inline void take(protocol::TypedReader& reader, std::string_view key, std::optional<std::string>& out) {
-  out = reader.string(key);
+// A value of the reply as the C++ type of its key; false refuses it, as
+// the wrong type for the key.
+inline bool convert(const VelaValue& value, std::optional<std::string>& out) {
+  const std::string* text = value.asString();
+  if (text == nullptr) return false;
+  out = *text;
+  return true;
 }
-// An absent number reads as 0.
-inline void take(protocol::TypedReader& reader, std::string_view key, std::int32_t& out) {
-  out = reader.int32(key).value_or(0);
+inline bool convert(const VelaValue& value, std::int32_t& out) {
+  const auto* number = value.getIf<std::int64_t>();
+  const std::optional<std::int32_t> narrow = number != nullptr ? protocol::narrowToInt32(*number) : std::nullopt;
+  if (!narrow) return false;
+  out = *narrow;
+  return true;
 }
 template <typename Record>
-void take(protocol::TypedReader& reader, std::string_view key, std::shared_ptr<Record>& out) {
-  out = reader.template record<Record>(key);
+bool convert(const VelaValue& value, std::shared_ptr<Record>& out) {
+  out = records::unarchiveRecord<Record>(value);
+  return out != nullptr;
 }
+
+// Decodes one reply of a member into its C++ types, key by key: as the bus
+// reads them (a synchronous call's reply, where it arrives), or from a
+// whole reply. An absent key is nil, an absent number 0; a key of the wrong
+// type (a record of the wrong class among them) or a daemon error that
+// does not decode spoils the whole reply. A key given twice counts once,
+// as it last came.
+template <typename... Values>
+class ReplyDecoder final : public bus::DescribedKeySink {
+ public:
+  using Reply = Decoded<Values...>;
+
+  explicit ReplyDecoder(const protocol::Member& member) : member_(&member) {}
+
+  void take(const protocol::Field& field, const char* text) override {
+    at(field, [text](auto& out) {
+      if constexpr (std::is_same_v<std::decay_t<decltype(out)>, std::optional<std::string>>) {
+        out.emplace(text);
+        return true;
+      } else {
+        return false;  // never given: only a string key comes as text
+      }
+    });
+  }
+
+  void take(const protocol::Field& field, const VelaValue& value) override {
+    if (&field == &protocol::kDaemonErrorField) {
+      decoded_.error = protocol::decodeDaemonError(value);
+      refused_.back() = !decoded_.error;
+      return;
+    }
+    at(field, [&value](auto& out) { return convert(value, out); });
+  }
+
+  // Every key the member reads, from a reply already read whole.
+  void takeAll(const VelaDictionary& reply) {
+    for (const protocol::Field& field : member_->reply) {
+      if (const auto found = reply.find(field.key); found != reply.end()) take(field, found->second);
+    }
+    if (const auto found = reply.find(protocol::kErrorKey); found != reply.end()) {
+      take(protocol::kDaemonErrorField, found->second);
+    }
+  }
+
+  // The reply's error and values, or nullopt when a key refused: never half
+  // a reply.
+  std::optional<Reply> result() && {
+    for (const bool refused : refused_) {
+      if (refused) return std::nullopt;
+    }
+    return std::move(decoded_);
+  }
+
+ private:
+  // Converts into the value of the member's reply key `field` names, the
+  // bus having found it among them.
+  template <typename Convert>
+  void at(const protocol::Field& field, const Convert& convert) {
+    at(field, convert, std::index_sequence_for<Values...>{});
+  }
+
+  template <typename Convert, std::size_t... kIndex>
+  void at(const protocol::Field& field, const Convert& convert, std::index_sequence<kIndex...> /*keys*/) {
+    ((&field == &member_->reply[kIndex] ? void(std::get<kIndex>(refused_) = !convert(std::get<kIndex>(decoded_.values)))
+                                        : void()),
+     ...);
+  }
+
+  const protocol::Member* member_;
+  Reply decoded_{};
+  // One per reply key, then the error's.
+  std::array<bool, sizeof...(Values) + 1> refused_{};
+};
 
 }  // namespace detail
 
@@ -111,21 +195,15 @@ struct MemberCall<std::tuple<Args...>, std::tuple<Values...>> {
     return request;
   }
 
+  // Where a synchronous call's reply is read, as it arrives.
+  detail::ReplyDecoder<Values...> decoder() const { return detail::ReplyDecoder<Values...>(*member); }
+
   // The reply's error and values, or nullopt when the reply does not decode
   // (a key the member reads has the wrong type): never half a reply.
   std::optional<Reply> decode(const VelaDictionary& reply) const {
-    auto error = protocol::decodeDaemonError(reply);
-    if (!error) return std::nullopt;
-    Reply decoded{std::move(*error), {}};
-    protocol::TypedReader reader(reply);
-    std::apply(
-        [&](auto&... values) {
-          [[maybe_unused]] std::size_t index = 0;
-          (detail::take(reader, member->reply[index++].key, values), ...);
-        },
-        decoded.values);
-    if (!reader.ok()) return std::nullopt;
-    return decoded;
+    auto reading = decoder();
+    reading.takeAll(reply);
+    return std::move(reading).result();
   }
 
   // Whether the C++ types agree with the member's keys; checked at compile

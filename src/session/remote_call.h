@@ -89,10 +89,11 @@ typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_v
   setLastOperationResult(0);
   const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
   const std::shared_ptr<bus::NamedConnection> connection = session.currentLinkConnection();
-  bus::NamedConnection::CallOutcome outcome = connection->call(*call.member, call.encode(std::forward<Args>(args)...),
-                                                               SessionInternals::reconnect(session), deadline);
+  auto decoder = call.decoder();
+  const bus::NamedConnection::CallOutcome outcome = connection->call(
+      *call.member, call.encode(std::forward<Args>(args)...), decoder, SessionInternals::reconnect(session), deadline);
   std::optional<typename Call::Reply> decoded;
-  if (outcome.reply) decoded = call.decode(*outcome.reply);
+  if (outcome.replied) decoded = std::move(decoder).result();
   if (!decoded) decoded = timedOutReply<typename Call::Reply>();
   if (decoded->error) setLastOperationResult(static_cast<std::intptr_t>(decoded->error->code()));
   return std::move(*decoded);

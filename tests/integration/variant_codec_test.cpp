@@ -4,6 +4,9 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <map>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
@@ -35,19 +38,21 @@ struct WireCase {
 
 void PrintTo(const WireCase& c, std::ostream* os) { *os << c.name; }
 
-const WireCase kWireCases[] = {
-    {"String", "text", "s"},
-    {"EmptyString", "", "s"},
-    {"Integer", std::int64_t{-9'000'000'000}, "x"},
-    {"Real", -0.5, "d"},
-    {"Boolean", true, "b"},
-    {"Date", VelaDate{1.7e9}, "(d)"},
-    {"Data", VelaData{0, 1, 255}, "ay"},
-    {"EmptyData", VelaData{}, "ay"},
-    {"Array", VelaArray{1, "two", false}, "av"},
-    {"Dictionary", VelaDictionary{{"k", VelaArray{}}, {"nested", VelaDictionary{{"x", 1.0}}}}, "a{sv}"},
-    {"Set", VelaSet{{"a", "b"}}, "(av)"},
-};
+std::vector<WireCase> wireCases() {
+  return {
+      {"String", "text", "s"},
+      {"EmptyString", "", "s"},
+      {"Integer", std::int64_t{-9'000'000'000}, "x"},
+      {"Real", -0.5, "d"},
+      {"Boolean", true, "b"},
+      {"Date", VelaDate{1.7e9}, "(d)"},
+      {"Data", VelaData{0, 1, 255}, "ay"},
+      {"EmptyData", VelaData{}, "ay"},
+      {"Array", VelaArray{1, "two", false}, "av"},
+      {"Dictionary", VelaDictionary{{"k", VelaArray{}}, {"nested", VelaDictionary{{"x", 1.0}}}}, "a{sv}"},
+      {"Set", VelaSet{{"a", "b"}}, "(av)"},
+  };
+}
 
 class AWireValue : public TheBusCodec, public ::testing::WithParamInterface<WireCase> {};
 
@@ -60,7 +65,7 @@ TEST_P(AWireValue, TravelsAsItsTypeAndComesBackEqual) {
   EXPECT_EQ(*trip.decoded, sent);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryType, AWireValue, ::testing::ValuesIn(kWireCases),
+INSTANTIATE_TEST_SUITE_P(EveryType, AWireValue, ::testing::ValuesIn(wireCases()),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(TheBusCodec, TypesDescribedThirtyTwoBitKeysAsInt32AtAnyDepth) {
@@ -107,6 +112,43 @@ TEST_F(TheBusCodec, ReadsOnlyDescribedKeysAndSkipsOthersWhateverTheirType) {
   const auto wrongType = probe_->roundTrip({{"account", "not a record"}, {"unread", VelaArray{}}}, reply, true);
   ASSERT_TRUE(wrongType.decoded) << "the typed reader, not the codec, refuses the wrong type";
   EXPECT_EQ(wrongType.decoded->count("unread"), 0U);
+}
+
+// What a synchronous call's reply decoder is handed, key by key.
+struct HandedKeys final : bus::DescribedKeySink {
+  std::map<std::string, std::string> texts;  // strings handed bare
+  VelaDictionary values;                     // everything else, as read
+  void take(const protocol::Field& field, const char* text) override {
+    texts.insert_or_assign(std::string(field.key), text);
+  }
+  void take(const protocol::Field& field, const VelaValue& value) override {
+    values.insert_or_assign(std::string(field.key), value);
+  }
+};
+
+// The same, as a synchronous call's reply is read: nothing undescribed
+// reaches the decoder, whatever it holds, and a described key is handed
+// over even of the wrong type, for the decoder to refuse.
+TEST_F(TheBusCodec, HandsADecoderOnlyDescribedKeysAndSkipsOthersWhateverTheirType) {
+  const std::array<protocol::Fields, 3> reply{protocol::fields::kAccountIdentity, protocol::fields::kKithAccount,
+                                              protocol::Fields(&protocol::kDaemonErrorField, 1)};
+  auto build = [](sd_bus_message* m) {
+    return sd_bus_message_append(m, "a{sv}", 7, "username", "s", "bob", "personID", "i", 5, "account", "a{sv}", 2,
+                                 "$class", "s", "VelaKithAccountInfo", "newField", "o", "/new", "$class", "s", "Top",
+                                 "extra", "o", "/x", "big", "t", std::uint64_t{1} << 63, "pair", "(ss)", "a", "b");
+  };
+  HandedKeys handed;
+  std::string whyNot;
+  ASSERT_TRUE(probe_->decodeInto(build, reply, handed, &whyNot)) << whyNot;
+  EXPECT_EQ(handed.texts, (std::map<std::string, std::string>{{"username", "bob"}}));
+  EXPECT_EQ(handed.values,
+            (VelaDictionary{{"personID", 5}, {"account", VelaDictionary{{"$class", "VelaKithAccountInfo"}}}}));
+
+  // A described key of a type with no property-list meaning refuses the
+  // whole reply.
+  auto pathForAString = [](sd_bus_message* m) { return sd_bus_message_append(m, "a{sv}", 1, "personID", "o", "/p"); };
+  HandedKeys refused;
+  EXPECT_FALSE(probe_->decodeInto(pathForAString, reply, refused, &whyNot));
 }
 
 TEST_F(TheBusCodec, RefusesStringsThatDBusCannotCarry) {

@@ -45,19 +45,22 @@ CodecRoundTrip CodecProbe::roundTrip(const VelaDictionary& dict, FieldSets descr
   return decode([&](sd_bus_message* m) { return appendDictionary(m, dict, described); }, described, onlyDescribed);
 }
 
+sd_bus_message* CodecProbe::message(const std::function<int(sd_bus_message*)>& build, int& result) {
+  sd_bus_message* m = nullptr;
+  result = sd_bus_message_new_method_call(bus_, &m, "org.example.Nobody", "/", "org.example.Nobody", "X");
+  if (result >= 0) result = build(m);
+  if (result >= 0) result = sd_bus_message_seal(m, 1, 0);
+  if (result >= 0) result = sd_bus_message_rewind(m, 1);
+  if (result < 0) return sd_bus_message_unref(m);
+  result = 0;
+  return m;
+}
+
 CodecRoundTrip CodecProbe::decode(const std::function<int(sd_bus_message*)>& build, FieldSets described,
                                   bool onlyDescribed) {
   CodecRoundTrip result;
-  sd_bus_message* m = nullptr;
-  result.encodeResult = sd_bus_message_new_method_call(bus_, &m, "org.example.Nobody", "/", "org.example.Nobody", "X");
-  if (result.encodeResult >= 0) result.encodeResult = build(m);
-  if (result.encodeResult >= 0) result.encodeResult = sd_bus_message_seal(m, 1, 0);
-  if (result.encodeResult >= 0) result.encodeResult = sd_bus_message_rewind(m, 1);
-  if (result.encodeResult < 0) {
-    sd_bus_message_unref(m);
-    return result;
-  }
-  result.encodeResult = 0;
+  sd_bus_message* m = message(build, result.encodeResult);
+  if (m == nullptr) return result;
   result.decoded = onlyDescribed ? readDescribedKeys(m, described, &result.whyNot) : readDictionary(m, &result.whyNot);
 
   // Walk the same message again for each entry's wire signature.
@@ -65,6 +68,19 @@ CodecRoundTrip CodecProbe::decode(const std::function<int(sd_bus_message*)>& bui
   recordWireTypes(m, "", result.wireTypes);
   sd_bus_message_unref(m);
   return result;
+}
+
+bool CodecProbe::decodeInto(const std::function<int(sd_bus_message*)>& build, FieldSets described,
+                            DescribedKeySink& sink, std::string* whyNot) {
+  int made = 0;
+  sd_bus_message* m = message(build, made);
+  if (m == nullptr) {
+    *whyNot = "the message could not be made";
+    return false;
+  }
+  const bool read = readDescribedKeys(m, described, sink, whyNot);
+  sd_bus_message_unref(m);
+  return read;
 }
 
 }  // namespace vela::bus

@@ -44,8 +44,18 @@ class CodecProbe {
   CodecRoundTrip decode(const std::function<int(sd_bus_message*)>& build, FieldSets described = {},
                         bool onlyDescribed = false);
 
+  // Reads a body that `build` appends as a synchronous call's reply is read,
+  // handing its described keys to `sink`. False when the message is refused
+  // or cannot be made; `whyNot` then says why.
+  bool decodeInto(const std::function<int(sd_bus_message*)>& build, FieldSets described, DescribedKeySink& sink,
+                  std::string* whyNot);
+
  private:
   CodecProbe() = default;
+  // A sealed message holding what `build` appends, ready to be read; nullptr
+  // with the negative errno in `result` when it cannot be made.
+  sd_bus_message* message(const std::function<int(sd_bus_message*)>& build, int& result);
+
   sd_bus* bus_ = nullptr;
 };
 

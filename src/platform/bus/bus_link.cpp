@@ -42,23 +42,48 @@ std::uint64_t microsecondsUntil(std::chrono::steady_clock::time_point deadline) 
   return static_cast<std::uint64_t>(std::max<std::int64_t>(left, 1));
 }
 
-// What a reply carried, read where it arrived. Only the keys the member
-// reads are decoded: a daemon that adds keys, whatever their type, still
-// answers older clients.
-NamedConnection::CallOutcome readOutcome(sd_bus_message* reply, const protocol::Member& member) {
-  NamedConnection::CallOutcome outcome;
-  if (sd_bus_message_is_method_error(reply, nullptr) != 0) {
-    const sd_bus_error* error = sd_bus_message_get_error(reply);
-    const int errnoCode = sd_bus_message_get_errno(reply);
-    outcome.failure = transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
-                                     error->message != nullptr ? error->message : "");
-    return outcome;
+// The failure an error reply stands for.
+VelaError errorReplyFailure(sd_bus_message* reply) {
+  const sd_bus_error* error = sd_bus_message_get_error(reply);
+  const int errnoCode = sd_bus_message_get_errno(reply);
+  return transportError(error->name != nullptr ? error->name : "", errnoCode > 0 ? errnoCode : EIO,
+                        error->message != nullptr ? error->message : "");
+}
+
+VelaError undecodableReplyFailure(const std::string& whyNot) {
+  return transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
+}
+
+// The keys a reply of `member` is read for. Only these are decoded: a
+// daemon that adds keys, whatever their type, still answers older clients.
+std::array<protocol::Fields, 2> replyKeys(const protocol::Member& member) {
+  return {member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
+}
+
+// A synchronous caller's reply, read where it arrived into `sink`.
+NamedConnection::CallOutcome readReply(sd_bus_message* reply, const protocol::Member& member, DescribedKeySink& sink) {
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {false, errorReplyFailure(reply)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) return {false, undecodableReplyFailure("reply is not a{sv}")};
+  std::string whyNot;
+  if (!readDescribedKeys(reply, replyKeys(member), sink, &whyNot)) return {false, undecodableReplyFailure(whyNot)};
+  return {true, std::nullopt};
+}
+
+// The same for a request with handlers, which take the reply whole.
+struct Answer {
+  std::optional<VelaDictionary> reply;
+  std::optional<VelaError> failure;
+};
+
+Answer readAnswer(sd_bus_message* reply, const protocol::Member& member) {
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {std::nullopt, errorReplyFailure(reply)};
+  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) {
+    return {std::nullopt, undecodableReplyFailure("reply is not a{sv}")};
   }
-  std::string whyNot = "reply is not a{sv}";
-  const std::array<protocol::Fields, 2> described{member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
-  if (sd_bus_message_has_signature(reply, "a{sv}") > 0) outcome.reply = readDescribedKeys(reply, described, &whyNot);
-  if (!outcome.reply) outcome.failure = transportError(kErrorInconsistentMessage, EBADMSG, whyNot);
-  return outcome;
+  std::string whyNot;
+  std::optional<VelaDictionary> keys = readDescribedKeys(reply, replyKeys(member), &whyNot);
+  if (!keys) return {std::nullopt, undecodableReplyFailure(whyNot)};
+  return {std::move(keys), std::nullopt};
 }
 
 }  // namespace
@@ -139,7 +164,7 @@ Link::Started Link::start(Request& request) {
 
 void Link::fail(Request& request, const VelaError& error) {
   if (request.waiter) {
-    (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
+    (void)request.waiter->answer(NamedConnection::CallOutcome{false, error});
   } else if (request.onFailure) {
     defer([onFailure = std::move(request.onFailure), error] { invokeGuarded(onFailure, error); });
   }
@@ -162,6 +187,8 @@ bool Link::process(const std::function<bool()>& enough) {
   while (!enough()) {
     sd_bus_message* unclaimed = nullptr;
     r = sd_bus_process(bus_, &unclaimed);
+    // 0: sd-bus had nothing left to do, so nothing read waits in it.
+    mayHoldUndispatched_ = r != 0;
     if (unclaimed != nullptr) {
       takeUnclaimed(unclaimed);
       sd_bus_message_unref(unclaimed);
@@ -185,12 +212,14 @@ bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
 }
 
 bool Link::awaitsBackground() const {
-  return usable() && (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus());
+  return (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus()) && usable();
 }
 
-bool Link::hasUndispatched() const {
+bool Link::hasUndispatched() {
+  if (!mayHoldUndispatched_) return false;
   std::uint64_t timeout = UINT64_MAX;
-  return usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  mayHoldUndispatched_ = usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  return mayHoldUndispatched_;
 }
 
 int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
@@ -201,15 +230,17 @@ int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*er
 
 void Link::takeUnclaimed(sd_bus_message* message) {
   std::uint64_t cookie = 0;
-  if (sd_bus_message_get_reply_cookie(message, &cookie) < 0) {
+  if (sd_bus_message_get_reply_cookie(message, &cookie) >= 0) {
+    takeReply(message, cookie);
+  } else if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
     // What sd-bus answers by itself when nobody takes the message.
-    if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
-      (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
-                                       sd_bus_message_get_path(message));
-    }
-    return;
+    (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
+                                     sd_bus_message_get_path(message));
+  } else if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+    // What sd-bus makes up once it has lost the bus. Caught here rather
+    // than by a filter, which every message would go through.
+    interrupt(Trouble::kBusLost);
   }
-  takeReply(message, cookie);
 }
 
 void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
@@ -217,26 +248,45 @@ void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
                                   [cookie](const PendingCall& call) { return call.cookie == cookie; });
   // A reply to a call whose caller gave up and was forgotten.
   if (found == pending_.end()) return;
-  PendingCall call = std::move(*found);
-  pending_.erase(found);
+  PendingCall& call = *found;
   const bool unreachable = repliesUnreachable(message);
-  conclude(call, readOutcome(message, *call.member));
+  if (call.waiter) {
+    // A caller that gave up drops the answer here, unread.
+    wakeIfSettled(
+        call, call.waiter->settleBy([&](DescribedKeySink& sink) { return readReply(message, *call.member, sink); }));
+  } else {
+    Answer answer = readAnswer(message, *call.member);
+    runHandlers(call, std::move(answer.reply), std::move(answer.failure));
+  }
+  // Nearly always the oldest, which leaves the quickest.
+  if (found == pending_.begin()) {
+    pending_.pop_front();
+  } else {
+    pending_.erase(found);
+  }
   if (unreachable) this->unreachable(Trouble::kUnreachable);
 }
 
-void Link::conclude(PendingCall& call, NamedConnection::CallOutcome outcome) {
+void Link::conclude(PendingCall& call, const VelaError& failure) {
   if (call.waiter) {
-    // A caller that gave up drops the answer here.
-    if (call.waiter->settle(std::move(outcome))) answered_.push_back(std::move(call.waiter));
-    return;
+    wakeIfSettled(call, call.waiter->settle(NamedConnection::CallOutcome{false, failure}));
+  } else {
+    runHandlers(call, std::nullopt, failure);
   }
+}
+
+void Link::wakeIfSettled(PendingCall& call, bool settled) {
+  if (settled) answered_.push_back(std::move(call.waiter));
+}
+
+void Link::runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure) {
   --pendingInBackground_;
-  defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure),
-         outcome = std::move(outcome)]() mutable {
-    if (outcome.failure) {
-      invokeGuarded(onFailure, *outcome.failure);
+  defer([onReply = std::move(call.onReply), onFailure = std::move(call.onFailure), reply = std::move(reply),
+         failure = std::move(failure)]() mutable {
+    if (failure) {
+      invokeGuarded(onFailure, *failure);
     } else {
-      invokeGuarded(onReply, std::move(*outcome.reply));
+      invokeGuarded(onReply, std::move(*reply));
     }
   });
 }
@@ -273,7 +323,7 @@ void Link::close(const char* why) {
   owners_.detach();
   bus_ = sd_bus_close_unref(bus_);
   const VelaError error = connectionError(ENOTCONN, why);
-  for (auto& call : failed) conclude(call, NamedConnection::CallOutcome{std::nullopt, error});
+  for (auto& call : failed) conclude(call, error);
   // Closing is rare and may happen with nobody left to let go of the bus
   // (the connection's thread ending): its callers are woken now.
   for (const auto& waiter : std::exchange(answered_, {})) waiter->wake();

@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <systemd/sd-bus.h>
@@ -64,7 +65,7 @@ class Link {
   bool awaitsBackground() const;
 
   // Whether sd-bus holds messages already read but not yet dispatched.
-  bool hasUndispatched() const;
+  bool hasUndispatched();
 
   // Fails everything in flight and lets go of the bus. Idempotent.
   void close(const char* why);
@@ -73,7 +74,9 @@ class Link {
   void invalidate();
 
   void flush() {
-    if (usable()) (void)sd_bus_flush(bus_);
+    if (!usable()) return;
+    mayHoldUndispatched_ = true;
+    (void)sd_bus_flush(bus_);
   }
 
   bool idle() const { return pending_.empty(); }
@@ -106,12 +109,18 @@ class Link {
     FailureHandler onFailure;
   };
 
-  // Gives a call its outcome: its waiter settled (to be woken once the bus
-  // is let go of), or its handlers deferred to the connection's thread.
-  void conclude(PendingCall& call, NamedConnection::CallOutcome outcome);
+  // Fails a call: its waiter settled (to be woken once the bus is let go
+  // of), or its handlers deferred to the connection's thread. A reply goes
+  // the same ways in takeReply().
+  void conclude(PendingCall& call, const VelaError& failure);
+  // A settled caller is woken once the bus is let go of; one that gave up
+  // is not woken at all.
+  void wakeIfSettled(PendingCall& call, bool settled);
+  void runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure);
   void fail(Request& request, const VelaError& error);
-  // A message sd-bus dispatched to no one: a reply to a pending call, or a
-  // method call for an object this connection does not have.
+  // A message sd-bus dispatched to no one: a reply to a pending call, a
+  // method call for an object this connection does not have, or the loss of
+  // the bus.
   void takeUnclaimed(sd_bus_message* message);
   // The reply to the pending call with `cookie`, if it is still pending.
   void takeReply(sd_bus_message* message, std::uint64_t cookie);
@@ -127,6 +136,10 @@ class Link {
   std::deque<PendingCall> pending_;
   std::size_t pendingInBackground_ = 0;            // pending calls with handlers rather than a waiter
   std::vector<std::shared_ptr<Waiter>> answered_;  // settled, not yet woken
+  // False once sd-bus is known to hold nothing read and undispatched: only
+  // sd_bus_process() reads (sd_bus_flush() through it), so until one of
+  // them runs again sd-bus need not be asked.
+  bool mayHoldUndispatched_ = true;
   bool interrupted_ = false;
   bool reportedInvalid_ = false;  // the invalidation handler was scheduled
   bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more

@@ -78,6 +78,10 @@ class Waiter {
  public:
   using CallOutcome = NamedConnection::CallOutcome;
 
+  // `sink` takes the reply's keys: the caller's, alive until it has the
+  // outcome.
+  explicit Waiter(DescribedKeySink& sink) : sink_(sink) {}
+
   // Leaves the answer; false when the caller has already given up, in which
   // case the answer goes nowhere. The wake-up is the caller's alone.
   bool answer(CallOutcome outcome) {
@@ -93,6 +97,18 @@ class Waiter {
     std::lock_guard lock(mutex_);
     if (state_ != State::kWaiting) return false;
     outcome_ = std::move(outcome);
+    state_.store(State::kAnswered, std::memory_order_release);
+    return true;
+  }
+
+  // settle() with the outcome `read(sink)` gives, reading a reply into the
+  // caller's sink: under the lock, so that the caller cannot give up and
+  // leave meanwhile. False when it already has; nothing is read then.
+  template <typename Read>
+  bool settleBy(const Read& read) {
+    std::lock_guard lock(mutex_);
+    if (state_ != State::kWaiting) return false;
+    outcome_ = read(sink_);
     state_.store(State::kAnswered, std::memory_order_release);
     return true;
   }
@@ -131,26 +147,29 @@ class Waiter {
   // Gives up without sleeping (the caller reads, and its deadline passed):
   // the answer, if it came just in time, is kept.
   bool abandon() {
+    // An answer is final: nothing to lock against then.
+    if (answered()) return false;
     std::lock_guard lock(mutex_);
     if (state_ == State::kAnswered) return false;
     state_ = State::kAbandoned;
     return true;
   }
 
-  CallOutcome takeOutcome() {
-    std::lock_guard lock(mutex_);
-    return std::move(outcome_);
-  }
+  // For the caller, once it has seen its answer or given up: nothing
+  // writes the outcome any more, and seeing the answer (an acquire, or
+  // under the lock) ordered its writing first.
+  CallOutcome takeOutcome() { return std::move(outcome_); }
 
  private:
   enum class State { kWaiting, kAnswered, kAbandoned };
 
+  DescribedKeySink& sink_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   // Changed under mutex_; atomic so that it can be asked without it.
   std::atomic<State> state_{State::kWaiting};
   bool givenBus_ = false;  // guarded by mutex_
-  CallOutcome outcome_;    // guarded by mutex_
+  CallOutcome outcome_;    // written under mutex_, and only while kWaiting
 };
 
 // The callers a holder of the bus answered or handed the bus to, woken only
@@ -173,11 +192,9 @@ class Wakes {
     waiters_.clear();
   }
 
-  // One per thread, so that its storage is reused call after call.
-  static Wakes& ofThisThread() {
-    thread_local Wakes wakes;
-    return wakes;
-  }
+  // One per thread, so that its storage is reused call after call. Out of
+  // line: inlined, g++ asks for the thread's storage again at every use.
+  static Wakes& ofThisThread();
 
  private:
   std::vector<std::shared_ptr<Waiter>> waiters_;
@@ -297,10 +314,11 @@ extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-
 
 // Milliseconds for poll() or epoll_wait() until the earlier of an sd-bus
 // time-out (absolute CLOCK_MONOTONIC microseconds; UINT64_MAX or nullopt for
-// none) and `deadline`; -1 for neither. Rounded up, so that a wake-up never
-// comes before what it waits for.
+// none) and `deadline`, from `now`; -1 for neither. Rounded up, so that a
+// wake-up never comes before what it waits for.
 int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
-                   std::optional<std::chrono::steady_clock::time_point> deadline);
+                   std::optional<std::chrono::steady_clock::time_point> deadline,
+                   std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
 
 // Who reads the bus. Only one thread at a time may: it dispatches what
 // arrives to everyone, so the others sleep without the bus.

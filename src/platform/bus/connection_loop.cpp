@@ -21,8 +21,14 @@ namespace vela::bus::detail {
 
 thread_local const NamedConnection::Core* loopOfThisThread = nullptr;  // NOLINT(*-avoid-non-const-global-variables)
 
+Wakes& Wakes::ofThisThread() {
+  thread_local Wakes wakes;
+  return wakes;
+}
+
 int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
-                   std::optional<std::chrono::steady_clock::time_point> deadline) {
+                   std::optional<std::chrono::steady_clock::time_point> deadline,
+                   std::chrono::steady_clock::time_point now) {
   using std::chrono::microseconds;
   std::optional<std::int64_t> usec;
   if (busTimeoutUsec && *busTimeoutUsec != UINT64_MAX) {
@@ -33,8 +39,7 @@ int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
     usec = *busTimeoutUsec > nowUsec ? static_cast<std::int64_t>(*busTimeoutUsec - nowUsec) : 0;
   }
   if (deadline) {
-    const std::int64_t left =
-        std::chrono::duration_cast<microseconds>(*deadline - std::chrono::steady_clock::now()).count();
+    const std::int64_t left = std::chrono::duration_cast<microseconds>(*deadline - now).count();
     usec = std::min(usec.value_or(left), std::max<std::int64_t>(left, 0));
   }
   if (!usec) return -1;
@@ -88,8 +93,8 @@ class Loop {
   }
 
  private:
-  static void runTasks(std::vector<std::function<void()>> tasks) {
-    for (auto& task : tasks) task();
+  static void runTasks(const std::vector<std::function<void()>>& tasks) {
+    for (const auto& task : tasks) task();
   }
 
   // Sends what the handle queued, in order; subscriptions first, so that a
@@ -154,7 +159,7 @@ class Loop {
     if (!fresh) {
       const VelaError error = connectionError(ENOTCONN, "bus connection lost");
       if (request.waiter) {
-        (void)request.waiter->answer(NamedConnection::CallOutcome{std::nullopt, error});
+        (void)request.waiter->answer(NamedConnection::CallOutcome{false, error});
       } else if (request.onFailure) {
         link_.defer([onFailure = std::move(request.onFailure), error] { invokeGuarded(onFailure, error); });
       }

@@ -79,7 +79,7 @@ NamedConnection::~NamedConnection() {
     const VelaError error = detail::connectionError(ENOTCONN, "connection closed");
     for (detail::Request& request : requests) {
       if (request.waiter) {
-        (void)request.waiter->answer(CallOutcome{std::nullopt, error});
+        (void)request.waiter->answer(CallOutcome{false, error});
       } else {
         invokeGuarded(request.onFailure, error);
       }
@@ -141,15 +141,14 @@ void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary 
 }
 
 NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
-                                                   std::shared_ptr<const Reconnect> reconnect,
+                                                   DescribedKeySink& sink,
+                                                   const std::shared_ptr<const Reconnect>& reconnect,
                                                    std::chrono::steady_clock::time_point deadline) {
-  if (!hasLoop())
-    return CallOutcome{std::nullopt, detail::connectionError(ENOTCONN, "connection unusable in this process")};
+  if (!hasLoop()) return CallOutcome{false, detail::connectionError(ENOTCONN, "connection unusable in this process")};
   if (core_->onLoopThread()) {
-    return CallOutcome{std::nullopt,
-                       detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};
+    return CallOutcome{false, detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};
   }
-  auto waiter = std::make_shared<detail::Waiter>();
+  auto waiter = std::make_shared<detail::Waiter>(sink);
   detail::Request request{&member, std::move(args), waiter, nullptr, nullptr, nullptr, std::nullopt};
   std::unique_lock busLock(core_->busMutex, std::defer_lock);
   if (!busLock.try_lock_until(deadline)) return {};
@@ -178,8 +177,8 @@ NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& membe
   std::shared_ptr<NamedConnection> fresh;
   if (reconnect && *reconnect) fresh = (*reconnect)();
   if (!fresh || fresh.get() == this)
-    return CallOutcome{std::nullopt, detail::connectionError(ENOTCONN, "bus connection lost")};
-  return fresh->call(member, std::move(request.args), nullptr, deadline);
+    return CallOutcome{false, detail::connectionError(ENOTCONN, "bus connection lost")};
+  return fresh->call(member, std::move(request.args), sink, nullptr, deadline);
 }
 
 void NamedConnection::listenForNotifications(std::string center, NotificationSink sink) {

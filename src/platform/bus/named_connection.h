@@ -22,6 +22,8 @@ namespace detail {
 struct Request;
 }  // namespace detail
 
+class DescribedKeySink;
+
 using ReplyHandler = std::function<void(VelaDictionary reply)>;
 using FailureHandler = std::function<void(const VelaError& error)>;
 
@@ -112,22 +114,25 @@ class NamedConnection {
                   std::shared_ptr<const Reconnect> reconnect = nullptr,
                   std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt);
 
-  // What a synchronous call came back with: the reply, or the failure that
-  // stands in its place; neither when the deadline passed first.
+  // What a synchronous call came back with: a reply, read into the call's
+  // sink, or the failure that stands in its place; neither when the
+  // deadline passed first.
   struct CallOutcome {
-    std::optional<VelaDictionary> reply;
+    bool replied = false;
     std::optional<VelaError> failure;
   };
 
   // Sends one call of `member` and blocks the calling thread until its
   // answer, a failure, or `deadline`, whichever comes first: it returns by
-  // the deadline whatever other threads are doing. When this connection's
-  // bus is already gone the call is made once on the connection `reconnect`
-  // supplies. On the connection's own thread it fails at once: the answer
-  // could only be read by the thread that is waiting for it.
+  // the deadline whatever other threads are doing. The reply's described
+  // keys go to `sink` where the reply arrives, whichever thread reads it,
+  // and only before this returns. When this connection's bus is already
+  // gone the call is made once on the connection `reconnect` supplies. On
+  // the connection's own thread it fails at once: the answer could only be
+  // read by the thread that is waiting for it.
   // Thread: any.
-  [[nodiscard]] CallOutcome call(const protocol::Member& member, VelaDictionary args,
-                                 std::shared_ptr<const Reconnect> reconnect,
+  [[nodiscard]] CallOutcome call(const protocol::Member& member, VelaDictionary args, DescribedKeySink& sink,
+                                 const std::shared_ptr<const Reconnect>& reconnect,
                                  std::chrono::steady_clock::time_point deadline);
 
   // Delivers to `sink`, on the connection's thread, each notification of the

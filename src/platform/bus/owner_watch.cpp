@@ -17,16 +17,12 @@ int OwnerWatch::attach(sd_bus* bus, const std::string& service) {
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
       service + "'";
-  int r = sd_bus_add_filter(bus, &filterSlot_, &OwnerWatch::onFilter, this);
-  if (r >= 0) {
-    r = sd_bus_add_match_async(bus, &ownerSlot_, rule.c_str(), &OwnerWatch::onNameOwnerChanged,
-                               &OwnerWatch::onMatchInstalled, this);
-  }
+  const int r = sd_bus_add_match_async(bus, &ownerSlot_, rule.c_str(), &OwnerWatch::onNameOwnerChanged,
+                                       &OwnerWatch::onMatchInstalled, this);
   return r < 0 ? r : 0;
 }
 
 void OwnerWatch::detach() {
-  filterSlot_ = sd_bus_slot_unref(filterSlot_);
   ownerSlot_ = sd_bus_slot_unref(ownerSlot_);
   ownerQuery_ = sd_bus_slot_unref(ownerQuery_);
   for (auto& [center, match] : matches_) match->slot = sd_bus_slot_unref(match->slot);
@@ -93,14 +89,6 @@ int OwnerWatch::onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_b
   });
   // A first owner appearing is no interruption; losing or changing one is.
   if (oldOwner[0] != '\0') watch->link_.interrupt(Trouble::kOwnerChanged);
-  return 0;
-}
-
-// The only local signal sd-bus synthesises is the loss of the bus itself.
-int OwnerWatch::onFilter(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
-    static_cast<OwnerWatch*>(userdata)->link_.interrupt(Trouble::kBusLost);
-  }
   return 0;
 }
 

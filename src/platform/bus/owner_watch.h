@@ -29,8 +29,8 @@ class OwnerWatch {
   OwnerWatch& operator=(OwnerWatch&&) = delete;
   ~OwnerWatch() { detach(); }
 
-  // Watches NameOwnerChanged for `service` and the loss of the bus. Returns
-  // 0 or a negative errno. Under busMutex.
+  // Watches NameOwnerChanged for `service`. Returns 0 or a negative errno.
+  // Under busMutex.
   int attach(sd_bus* bus, const std::string& service);
 
   // Drops every slot; the sinks go with them. Under busMutex.
@@ -57,14 +57,12 @@ class OwnerWatch {
 
   static int onMatchInstalled(sd_bus_message* reply, void* userdata, sd_bus_error* error);
   static int onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int onFilter(sd_bus_message* message, void* userdata, sd_bus_error* error);
   static int onOwnerReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
   static int onNotification(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
   Link& link_;
   sd_bus* bus_ = nullptr;  // under busMutex
   std::string service_;
-  sd_bus_slot* filterSlot_ = nullptr;                                         // under busMutex
   sd_bus_slot* ownerSlot_ = nullptr;                                          // under busMutex
   sd_bus_slot* ownerQuery_ = nullptr;                                         // under busMutex
   bool matchInstalled_ = false;                                               // under busMutex

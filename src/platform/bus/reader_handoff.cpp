@@ -38,22 +38,21 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     if (link == nullptr) break;
     if (core.abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link->dropAbandoned();
     bool alive = true;
-    if (readNow) alive = link->process([&waiter] { return waiter.answered(); });
+    // Answers read along with this one go to their callers now, rather than
+    // each waiting for the bus to be handed to it; what has not arrived yet
+    // is left to the next reader.
+    if (readNow) alive = link->process([&waiter, link] { return waiter.answered() && !link->hasUndispatched(); });
     readNow = true;
-    if (waiter.answered()) {
-      // Answers read along with this one go to their callers now, rather
-      // than each waiting for the bus to be handed to it; what has not
-      // arrived yet is left to the next reader.
-      if (alive) (void)link->process([link] { return !link->hasUndispatched(); });
-      break;
-    }
+    if (waiter.answered()) break;
     int fd = -1;
     int events = 0;
     std::uint64_t busTimeout = UINT64_MAX;
-    if (!alive || !link->pollSpec(fd, events, busTimeout) || Clock::now() >= deadline) break;
+    if (!alive || !link->pollSpec(fd, events, busTimeout)) break;
+    const Clock::time_point now = Clock::now();
+    if (now >= deadline) break;
     std::array<pollfd, 2> fds{pollfd{fd, static_cast<decltype(pollfd::events)>(events), 0},
                               pollfd{core.readerWakeFd, POLLIN, 0}};
-    const int timeout = sleepTimeoutMs(busTimeout, deadline);
+    const int timeout = sleepTimeoutMs(busTimeout, deadline, now);
     unlockBus(link, busLock, wakes);
     (void)::poll(fds.data(), fds.size(), timeout);
     if ((fds[1].revents & POLLIN) != 0) Core::consumeFd(core.readerWakeFd);

@@ -126,7 +126,42 @@ class Reader {
   // With `described`, keys it does not describe are skipped unread, and a
   // described record keeps only its class's keys.
   std::optional<VelaDictionary> dictionary(int depth, std::optional<FieldSets> described = std::nullopt) {
-    if (depth > kMaxDepth) return fail("nesting too deep");
+    VelaDictionary dict;
+    const bool read = entries(depth, [&](const char* key, const char* valueSignature) {
+      const protocol::Field* field = described ? describedField(*described, key) : nullptr;
+      // Undescribed keys are skipped whatever they hold, but for a record's
+      // class marker.
+      if (field == nullptr && described && !isClassKey(key)) return skip(valueSignature);
+      std::optional<VelaValue> value = field != nullptr ? describedValue(*field, depth + 1) : next(depth + 1);
+      if (!value) return false;
+      dict.insert_or_assign(key, std::move(*value));
+      return true;
+    });
+    if (!read) return std::nullopt;
+    return dict;
+  }
+
+  // dictionary(0, described), each described key handed to `sink` instead
+  // of kept. A class marker is read as strictly, and dropped.
+  bool describedKeys(FieldSets described, DescribedKeySink& sink) {
+    return entries(0, [&](const char* key, const char* valueSignature) {
+      const protocol::Field* field = describedField(described, key);
+      if (field == nullptr) return isClassKey(key) ? next(1).has_value() : skip(valueSignature);
+      return describedValue(*field, 1, sink);
+    });
+  }
+
+  std::string reason;
+
+ private:
+  static bool isClassKey(const char* key) { return std::string_view(key) == protocol::kClassKey; }
+
+  // Reads a dictionary with string keys, entry by entry: `readValue(key,
+  // valueSignature)` reads or skips each entry's value, false when it
+  // cannot. False when the dictionary cannot be read.
+  template <typename ReadValue>
+  bool entries(int depth, const ReadValue& readValue) {
+    if (depth > kMaxDepth) return refuse("nesting too deep");
     // The usual a{sv} is entered at once: asking the message for its type
     // costs as much as entering it. A failed attempt reads nothing.
     std::string entrySignature = "sv";
@@ -137,46 +172,32 @@ class Reader {
       const char* contents = nullptr;
       if (sd_bus_message_peek_type(m_, &type, &contents) <= 0 || type != SD_BUS_TYPE_ARRAY || contents == nullptr ||
           contents[0] != '{' || contents[1] != 's') {
-        return fail("expected a dictionary with string keys");
+        return refuse("expected a dictionary with string keys");
       }
       entrySignature.assign(contents + 1, std::string_view(contents).size() - 2);
-      if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) return fail("unreadable dictionary");
+      if (sd_bus_message_enter_container(m_, SD_BUS_TYPE_ARRAY, contents) <= 0) return refuse("unreadable dictionary");
     }
-    VelaDictionary dict;
     for (;;) {
       const int r = sd_bus_message_enter_container(m_, SD_BUS_TYPE_DICT_ENTRY, entrySignature.c_str());
-      if (r < 0) return fail("unreadable dictionary entry");
+      if (r < 0) return refuse("unreadable dictionary entry");
       if (r == 0) break;
-      if (!entry(dict, entrySignature, described, depth)) return std::nullopt;
-      if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary entry");
+      const char* key = nullptr;
+      if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) return refuse("unreadable dictionary key");
+      if (!readValue(key, entrySignature.c_str() + 1)) return false;
+      if (sd_bus_message_exit_container(m_) < 0) return refuse("unreadable dictionary entry");
     }
-    if (sd_bus_message_exit_container(m_) < 0) return fail("unreadable dictionary");
-    return dict;
+    if (sd_bus_message_exit_container(m_) < 0) return refuse("unreadable dictionary");
+    return true;
   }
 
-  std::string reason;
+  bool skip(const char* signature) {
+    if (sd_bus_message_skip(m_, signature) >= 0) return true;
+    return refuse("unreadable dictionary entry");
+  }
 
- private:
-  // Reads one entry's key and value into `dict`, or skips the value: with
-  // `described`, undescribed keys are skipped whatever they hold, but for a
-  // record's class marker. False when the entry cannot be read.
-  bool entry(VelaDictionary& dict, const std::string& entrySignature, std::optional<FieldSets> described, int depth) {
-    const char* key = nullptr;
-    if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &key) <= 0) {
-      fail("unreadable dictionary key");
-      return false;
-    }
-    const protocol::Field* field = described ? describedField(*described, key) : nullptr;
-    const bool readWhole = !described || (field == nullptr && std::string_view(key) == protocol::kClassKey);
-    if (field == nullptr && !readWhole) {
-      if (sd_bus_message_skip(m_, entrySignature.c_str() + 1) >= 0) return true;
-      fail("unreadable dictionary entry");
-      return false;
-    }
-    std::optional<VelaValue> value = readWhole ? next(depth + 1) : describedValue(*field, depth + 1);
-    if (!value) return false;
-    dict.insert_or_assign(key, std::move(*value));
-    return true;
+  bool refuse(const char* why) {
+    fail(why);
+    return false;
   }
 
   std::nullopt_t fail(const char* why) {
@@ -200,6 +221,23 @@ class Reader {
       default:
         return nullptr;
     }
+  }
+
+  // A described value, handed to `sink`: a string carried as the string it
+  // is described as goes bare, anything else as the other describedValue()
+  // reads it.
+  bool describedValue(const protocol::Field& field, int depth, DescribedKeySink& sink) {
+    if (field.type == protocol::WireType::kString && sd_bus_message_enter_container(m_, SD_BUS_TYPE_VARIANT, "s") > 0) {
+      const char* text = nullptr;
+      if (sd_bus_message_read_basic(m_, SD_BUS_TYPE_STRING, &text) <= 0) return refuse("unreadable value");
+      if (sd_bus_message_exit_container(m_) < 0) return refuse("unreadable variant");
+      sink.take(field, text);
+      return true;
+    }
+    const std::optional<VelaValue> value = describedValue(field, depth);
+    if (!value) return false;
+    sink.take(field, *value);
+    return true;
   }
 
   // A described value: a record (or described dictionary) keeps only the
@@ -446,6 +484,13 @@ std::optional<VelaDictionary> readDescribedKeys(sd_bus_message* message, FieldSe
   std::optional<VelaDictionary> dict = reader.dictionary(0, described);
   if (!dict && whyNot != nullptr) *whyNot = reader.reason;
   return dict;
+}
+
+bool readDescribedKeys(sd_bus_message* message, FieldSets described, DescribedKeySink& sink, std::string* whyNot) {
+  Reader reader(message);
+  const bool read = reader.describedKeys(described, sink);
+  if (!read && whyNot != nullptr) *whyNot = reader.reason;
+  return read;
 }
 
 }  // namespace vela::bus

@@ -48,4 +48,28 @@ std::optional<VelaDictionary> readDictionary(sd_bus_message* message, std::strin
 std::optional<VelaDictionary> readDescribedKeys(sd_bus_message* message, FieldSets described,
                                                 std::string* whyNot = nullptr);
 
+// Takes the described keys of a dictionary as they are read, for a reader
+// that keeps them in types of its own rather than in a VelaDictionary.
+class DescribedKeySink {
+ public:
+  // A string carried as the string its field describes, bare; `text`
+  // lasts only for the call.
+  virtual void take(const protocol::Field& field, const char* text) = 0;
+  // Any other value, as readDescribedKeys() reads it.
+  virtual void take(const protocol::Field& field, const VelaValue& value) = 0;
+
+  DescribedKeySink() = default;
+  virtual ~DescribedKeySink() = default;
+  DescribedKeySink(const DescribedKeySink&) = delete;
+  DescribedKeySink& operator=(const DescribedKeySink&) = delete;
+  DescribedKeySink(DescribedKeySink&&) = delete;
+  DescribedKeySink& operator=(DescribedKeySink&&) = delete;
+};
+
+// Reads an a{sv} as readDescribedKeys() does, handing each described key to
+// `sink` as it comes. False when the message is refused (`sink` may then
+// have been given some keys); `whyNot` then says what was wrong.
+bool readDescribedKeys(sd_bus_message* message, FieldSets described, DescribedKeySink& sink,
+                       std::string* whyNot = nullptr);
+
 }  // namespace vela::bus
