@@ -23,12 +23,9 @@ namespace {
 // The names posted on the client center: the daemon's state changes, the
 // account and alarm notifications, and the two of a vetting.
 std::vector<std::string> postedNames() {
-  return {std::string(kLocusStateDidChangeNotification),
-          std::string(kLostModeChangedNotification),
-          std::string(kStopLostModeAlarmNotification),
-          std::string(kVelaAccountMigratedNotification),
-          std::string(kVelaMigrateAccountNotification),
-          std::string(kVelaVetResultsFoundNotification),
+  return {std::string(kLocusStateDidChangeNotification), std::string(kLostModeChangedNotification),
+          std::string(kStopLostModeAlarmNotification),   std::string(kVelaAccountMigratedNotification),
+          std::string(kVelaMigrateAccountNotification),  std::string(kVelaVetResultsFoundNotification),
           std::string(kVelaVetFinishedNotification)};
 }
 
