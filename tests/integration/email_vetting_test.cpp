@@ -47,14 +47,7 @@ class RecordingDelegate : public VelaNotifySessionDelegate {
 
   // Runs the main loop until `count` calls have come; false after `limit`.
   bool waitForCalls(std::size_t count, std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (calls().size() < count) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left <= 0ms) return false;
-      VelaMainThread::runFor(left);
-    }
-    return true;
+    return runMainLoopUntil([&] { return calls().size() >= count; }, limit);
   }
 
  private:

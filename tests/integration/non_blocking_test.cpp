@@ -192,14 +192,7 @@ class ANonBlockingTwin : public ASessionWithVelad {
 
   // Runs the main loop until `count` completions have come.
   bool awaitCompletions(std::size_t count, std::chrono::milliseconds limit = kReplyTimeLimit * 2) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (completionCount() < count) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left <= 0ms) return false;
-      VelaMainThread::runFor(left);
-    }
-    return true;
+    return runMainLoopUntil([&] { return completionCount() >= count; }, limit);
   }
 
   // The one completion of `label`; fails the test unless there is exactly one.

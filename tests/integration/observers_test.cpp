@@ -59,14 +59,7 @@ class AnObserver : public ASessionWithVelad {
 
   // Runs the main loop until `count` notifications have been seen in all.
   bool await(std::size_t count, std::chrono::milliseconds limit = kReplyTimeLimit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (seen().size() < count) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left <= 0ms) return false;
-      VelaMainThread::runFor(left);
-    }
-    return true;
+    return runMainLoopUntil([&] { return seen().size() >= count; }, limit);
   }
 
   void post(std::string_view name, const std::optional<VelaDictionary>& userInfo = std::nullopt) {
@@ -230,12 +223,8 @@ TEST_F(AnObserver, AndAVettingBothHearTheCenter) {
   (void)observe(protocol::kVetFinishedNotification, Thread::kConnectionThread);
   ASSERT_EQ(session_->vetEmailAccount("a@b.c"), std::nullopt);
   ASSERT_TRUE(await(1)) << "the observer did not hear the vetting end";
-  const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;
-  while (delegate->finishes == 0 && std::chrono::steady_clock::now() < deadline) {
-    VelaMainThread::runFor(
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()));
-  }
-  EXPECT_EQ(delegate->finishes, 1) << "the delegate did not hear the vetting end";
+  ASSERT_TRUE(runMainLoopUntil([&] { return delegate->finishes > 0; })) << "the delegate did not hear the vetting end";
+  EXPECT_EQ(delegate->finishes, 1);
 }
 
 }  // namespace

@@ -79,6 +79,21 @@ std::chrono::milliseconds timed(Work&& work) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
 }
 
+// Runs the main loop until `done()` holds, or `limit` has passed (false
+// then). Whatever makes `done()` true must also call VelaMainThread::stop(),
+// which ends the wait at once.
+template <typename Done>
+bool runMainLoopUntil(const Done& done, std::chrono::milliseconds limit = kReplyTimeLimit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left <= std::chrono::milliseconds::zero()) return false;
+    VelaMainThread::runFor(left);
+  }
+  return true;
+}
+
 // The library's own time-out, 106 "timed out".
 inline void expectTimedOut(const std::optional<VelaError>& error) {
   ASSERT_TRUE(error.has_value());

@@ -26,14 +26,15 @@ void DistributedCenter::listenOn(bus::NamedConnection& connection) {
 }
 
 void DistributedCenter::received(std::string name, VelaDictionary userInfo) {
-  onArrival_.post(Notification{name, this, userInfo});
+  Notification notification{std::move(name), this, std::move(userInfo)};
+  onArrival_.post(notification);
   if (!delivering()) return;
-  VelaMainThread::perform([weakCenter = weak_from_this(), name = std::move(name), userInfo = std::move(userInfo)] {
+  VelaMainThread::perform([weakCenter = weak_from_this(), notification = std::move(notification)] {
     // Looked at again on the main thread: a center stopped or gone since the
     // notification was queued delivers nothing.
     const auto center = weakCenter.lock();
     if (!center || !center->delivering()) return;
-    center->local_.post(Notification{name, center.get(), userInfo});
+    center->local_.post(notification);
   });
 }
 
