@@ -217,8 +217,11 @@ bool Link::awaitsBackground() const {
 
 bool Link::hasUndispatched() {
   if (!mayHoldUndispatched_) return false;
+  // A time-out of zero means that messages wait, or that the bus is
+  // closing; only whether it is open tells the two apart, so that is asked
+  // last, when it matters.
   std::uint64_t timeout = UINT64_MAX;
-  mayHoldUndispatched_ = usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  mayHoldUndispatched_ = bus_ != nullptr && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0 && usable();
   return mayHoldUndispatched_;
 }
 
