@@ -205,10 +205,13 @@ bool Link::process(const std::function<bool()>& enough) {
 }
 
 bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
-  if (!usable()) return false;
+  if (bus_ == nullptr) return false;
   fd = sd_bus_get_fd(bus_);
   events = sd_bus_get_events(bus_);
-  return fd >= 0 && events >= 0 && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
+  // sd-bus asks for events only while the bus is open; a closing bus asks
+  // for none, as does an open one with messages waiting, and only whether
+  // it is open tells the two apart.
+  return fd >= 0 && events >= 0 && (events != 0 || usable()) && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
 }
 
 bool Link::awaitsBackground() const {
