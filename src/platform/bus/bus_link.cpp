@@ -170,38 +170,36 @@ void Link::fail(Request& request, const VelaError& error) {
   }
 }
 
-bool Link::process(const std::function<bool()>& enough) {
+bool Link::readable() {
   core_.busMutex.assertHeld();
-  if (!usable()) {
-    // sd-bus gives up by itself on a connection whose peer went away during
-    // the handshake, leaving nothing to dispatch that would tell: a bus
-    // restarting just as the connection was made. Reported here, or the
-    // connection would sleep on a dead bus for good.
-    if (bus_ != nullptr) {
-      close("bus connection lost");
-      interrupt(Trouble::kBusLost);
-    }
-    return false;
-  }
-  int r = 0;
-  while (!enough()) {
-    sd_bus_message* unclaimed = nullptr;
-    r = sd_bus_process(bus_, &unclaimed);
-    // 0: sd-bus had nothing left to do, so nothing read waits in it.
-    mayHoldUndispatched_ = r != 0;
-    if (unclaimed != nullptr) {
-      takeUnclaimed(unclaimed);
-      sd_bus_message_unref(unclaimed);
-    }
-    if (r <= 0) break;
-  }
-  if (r < 0) {
-    // The bus broke under the reader: whoever reads reports it.
+  if (usable()) return true;
+  // sd-bus gives up by itself on a connection whose peer went away during
+  // the handshake, leaving nothing to dispatch that would tell: a bus
+  // restarting just as the connection was made. Reported here, or the
+  // connection would sleep on a dead bus for good.
+  if (bus_ != nullptr) {
     close("bus connection lost");
     interrupt(Trouble::kBusLost);
-    return false;
   }
-  return true;
+  return false;
+}
+
+int Link::dispatchNext() {
+  sd_bus_message* unclaimed = nullptr;
+  const int r = sd_bus_process(bus_, &unclaimed);
+  // 0: sd-bus had nothing left to do, so nothing read waits in it.
+  mayHoldUndispatched_ = r != 0;
+  if (unclaimed != nullptr) {
+    takeUnclaimed(unclaimed);
+    sd_bus_message_unref(unclaimed);
+  }
+  return r;
+}
+
+bool Link::lost() {
+  close("bus connection lost");
+  interrupt(Trouble::kBusLost);
+  return false;
 }
 
 bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
