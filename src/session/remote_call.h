@@ -92,8 +92,8 @@ typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_v
   auto decoder = call.decoder();
   const bus::NamedConnection::CallOutcome outcome = connection->call(
       *call.member, call.encode(std::forward<Args>(args)...), decoder, SessionInternals::reconnect(session), deadline);
-  std::optional<typename Call::Reply> decoded;
-  if (outcome.replied) decoded = std::move(decoder).result();
+  std::optional<typename Call::Reply> decoded =
+      outcome.replied ? std::move(decoder).result() : std::optional<typename Call::Reply>();
   if (!decoded) decoded = timedOutReply<typename Call::Reply>();
   if (decoded->error) setLastOperationResult(static_cast<std::intptr_t>(decoded->error->code()));
   return std::move(*decoded);

@@ -170,45 +170,46 @@ void Link::fail(Request& request, const VelaError& error) {
   }
 }
 
-bool Link::process(const std::function<bool()>& enough) {
+bool Link::readable() {
   core_.busMutex.assertHeld();
-  if (!usable()) {
-    // sd-bus gives up by itself on a connection whose peer went away during
-    // the handshake, leaving nothing to dispatch that would tell: a bus
-    // restarting just as the connection was made. Reported here, or the
-    // connection would sleep on a dead bus for good.
-    if (bus_ != nullptr) {
-      close("bus connection lost");
-      interrupt(Trouble::kBusLost);
-    }
-    return false;
-  }
-  int r = 0;
-  while (!enough()) {
-    sd_bus_message* unclaimed = nullptr;
-    r = sd_bus_process(bus_, &unclaimed);
-    // 0: sd-bus had nothing left to do, so nothing read waits in it.
-    mayHoldUndispatched_ = r != 0;
-    if (unclaimed != nullptr) {
-      takeUnclaimed(unclaimed);
-      sd_bus_message_unref(unclaimed);
-    }
-    if (r <= 0) break;
-  }
-  if (r < 0) {
-    // The bus broke under the reader: whoever reads reports it.
+  if (usable()) return true;
+  // sd-bus gives up by itself on a connection whose peer went away during
+  // the handshake, leaving nothing to dispatch that would tell: a bus
+  // restarting just as the connection was made. Reported here, or the
+  // connection would sleep on a dead bus for good.
+  if (bus_ != nullptr) {
     close("bus connection lost");
     interrupt(Trouble::kBusLost);
-    return false;
   }
-  return true;
+  return false;
+}
+
+int Link::dispatchNext() {
+  sd_bus_message* unclaimed = nullptr;
+  const int r = sd_bus_process(bus_, &unclaimed);
+  // 0: sd-bus had nothing left to do, so nothing read waits in it.
+  mayHoldUndispatched_ = r != 0;
+  if (unclaimed != nullptr) {
+    takeUnclaimed(unclaimed);
+    sd_bus_message_unref(unclaimed);
+  }
+  return r;
+}
+
+bool Link::lost() {
+  close("bus connection lost");
+  interrupt(Trouble::kBusLost);
+  return false;
 }
 
 bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
-  if (!usable()) return false;
+  if (bus_ == nullptr) return false;
   fd = sd_bus_get_fd(bus_);
   events = sd_bus_get_events(bus_);
-  return fd >= 0 && events >= 0 && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
+  // sd-bus asks for events only while the bus is open; a closing bus asks
+  // for none, as does an open one with messages waiting, and only whether
+  // it is open tells the two apart.
+  return fd >= 0 && events >= 0 && (events != 0 || usable()) && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
 }
 
 bool Link::awaitsBackground() const {
@@ -217,8 +218,11 @@ bool Link::awaitsBackground() const {
 
 bool Link::hasUndispatched() {
   if (!mayHoldUndispatched_) return false;
+  // A time-out of zero means that messages wait, or that the bus is
+  // closing; only whether it is open tells the two apart, so that is asked
+  // last, when it matters.
   std::uint64_t timeout = UINT64_MAX;
-  mayHoldUndispatched_ = usable() && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0;
+  mayHoldUndispatched_ = bus_ != nullptr && sd_bus_get_timeout(bus_, &timeout) >= 0 && timeout == 0 && usable();
   return mayHoldUndispatched_;
 }
 

@@ -47,8 +47,19 @@ class Link {
 
   // Reads and dispatches what has arrived until `enough()` is true or
   // nothing more is there without waiting. Closes the bus (failing all in
-  // flight) when it broke; returns false then.
-  bool process(const std::function<bool()>& enough);
+  // flight) when it broke; returns false then. A template: a reader runs it
+  // for every answer, and `enough` is a test cheaper than calling it
+  // through a std::function.
+  template <typename Enough>
+  bool process(const Enough& enough) {
+    if (!readable()) return false;
+    int r = 0;
+    while (!enough()) {
+      r = dispatchNext();
+      if (r <= 0) break;
+    }
+    return r >= 0 || lost();
+  }
 
   // Applies one subscription change. On the connection's thread.
   void subscribe(Subscription subscription) { owners_.subscribe(std::move(subscription)); }
@@ -109,6 +120,15 @@ class Link {
     FailureHandler onFailure;
   };
 
+  // Whether the bus can still be read; when sd-bus gave up on it by
+  // itself, closes it and reports the loss first.
+  bool readable();
+  // One sd_bus_process(), with the message nobody claimed taken: sd-bus's
+  // result.
+  int dispatchNext();
+  // The bus broke under the reader, who reports it: closes it and reports
+  // the loss. False.
+  bool lost();
   // Fails a call: its waiter settled (to be woken once the bus is let go
   // of), or its handlers deferred to the connection's thread. A reply goes
   // the same ways in takeReply().

@@ -187,8 +187,12 @@ class Wakes {
       list.clear();
     }
   }
-  void run() {
-    for (const auto& waiter : waiters_) waiter->wake();
+  // Wakes them all but `awake`, the caller that ran, which sleeps on
+  // nothing.
+  void run(const Waiter* awake = nullptr) {
+    for (const auto& waiter : waiters_) {
+      if (waiter.get() != awake) waiter->wake();
+    }
     waiters_.clear();
   }
 

@@ -65,7 +65,7 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
     }
   }
   releaseReader(core, core.link, wakes);
-  unlockBus(core.link, busLock, wakes);
+  unlockBus(core.link, busLock, wakes, &waiter);
   return finish(core, waiter);
 }
 
@@ -102,10 +102,10 @@ void disarmLoop(Core& core) {
   if (epoll_ctl(core.epollFd, EPOLL_CTL_MOD, core.armedBusFd, &event) == 0) core.armedEvents = 0;
 }
 
-void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes) {
+void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes, const Waiter* awake) {
   if (link != nullptr) link->takeAnswered(wakes);
   busLock.unlock();
-  wakes.run();
+  wakes.run(awake);
 }
 
 void releaseReader(Core& core, Link* link, Wakes& wakes) {

@@ -43,8 +43,8 @@ NamedConnection::CallOutcome awaitAsFollower(NamedConnection::Core& core, const 
 void releaseReader(NamedConnection::Core& core, Link* link, Wakes& wakes);
 
 // Lets go of the bus, then wakes the callers answered or handed the bus
-// while it was held.
-void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes);
+// while it was held, but for `awake`, the caller letting go.
+void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes, const Waiter* awake = nullptr);
 
 // Points the connection's thread at the bus, or away from it. Under the
 // core's mutex.
