@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The session's connection across daemon and bus failures.
+#include <pthread.h>
+
+#include <array>
 #include <atomic>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "platform/bus/named_connection.h"
@@ -14,6 +20,28 @@ namespace {
 
 using namespace std::chrono_literals;
 using AConnectionToVelad = ASessionWithVelad;
+
+// What the library names the thread a connection runs host code on.
+constexpr std::string_view kConnectionThreadName = "vela-bus";
+
+// How many of this process's threads carry that name. Each test runs in a
+// process of its own, so they are this test's.
+int connectionThreads() {
+  int count = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    std::getline(comm, name);
+    count += name == kConnectionThreadName ? 1 : 0;
+  }
+  return count;
+}
+
+std::string nameOfThisThread() {
+  std::array<char, 16> name{};
+  (void)pthread_getname_np(pthread_self(), name.data(), name.size());
+  return name.data();
+}
 
 TEST_F(AConnectionToVelad, ReconnectsAfterTheDaemonIsKilledAndRestartedBetweenCalls) {
   ASSERT_TRUE(session_->locusDeviceId());
@@ -121,6 +149,7 @@ TEST_F(AConnectionToVelad, ServesManyThreadsAtOnce) {
   constexpr int kThreads = 16;
   constexpr int kCallsEach = 40;
   std::vector<std::future<int>> workers;
+  workers.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     workers.push_back(std::async(std::launch::async, [&, t] {
       int wrong = 0;
@@ -268,6 +297,24 @@ TEST_F(AConnectionToVelad, FailsASynchronousCallOnItsOwnThreadAtOnce) {
   const auto [took, error] = result.get();
   expectTimedOut(error);
   EXPECT_LT(took, kWellWithinTheLimit);
+}
+
+// A process that only makes synchronous calls stays single-threaded: each
+// caller sends and reads for itself. The thread comes with the first thing
+// that needs it, and runs the host's completions.
+TEST_F(AConnectionToVelad, StartsItsThreadOnlyWhenSomethingBesidesSynchronousCallsNeedsIt) {
+  ASSERT_TRUE(session_->locusDeviceId());
+  ASSERT_TRUE(session_->kithDeviceId());
+  EXPECT_EQ(connectionThreads(), 0);
+
+  std::promise<std::string> ranOn;
+  session_->locusStateWithCompletion(
+      [&](std::int32_t /*state*/, const std::optional<VelaError>& /*error*/) { ranOn.set_value(nameOfThisThread()); });
+  auto name = ranOn.get_future();
+  ASSERT_EQ(name.wait_for(kReplyTimeLimit), std::future_status::ready);
+  EXPECT_EQ(name.get(), kConnectionThreadName);
+  EXPECT_EQ(connectionThreads(), 1);
+  EXPECT_TRUE(session_->locusDeviceId());
 }
 
 }  // namespace

@@ -335,6 +335,7 @@ enum class Reader : std::uint8_t { kNone, kLoop, kCaller };
 // (from inside a handler), so the thread keeps this alive on its own.
 struct NamedConnection::Core {
   // Set before resume(), then only read.
+  std::weak_ptr<Core> self;  // for starting the connection's thread
   std::string service;
   BusKind bus = BusKind::kSystem;
   unsigned generation = detail::forkGeneration.load();
@@ -345,13 +346,23 @@ struct NamedConnection::Core {
   std::function<void(Trouble)> invalidationHandler;
 
   std::atomic<bool> defunct{false};  // an interruption or invalidation was reported
+  // The connection's thread starts when something first needs it: queued
+  // work, host code to run, or the bus to watch while no caller reads it.
+  // Synchronous callers send and read for themselves, so a process that
+  // only makes those never starts it, and stays single-threaded.
+  std::atomic<bool> resumed{false};
+  std::atomic<bool> loopStarted{false};
   // Synchronous callers that gave up while their call was on the wire; the
   // next holder of the bus forgets those calls.
   std::atomic<unsigned> abandonedCalls{0};
 
-  // The sd-bus side; set while the connection's thread runs.
+  // The sd-bus side; set from the bus's first use until the connection's
+  // thread ends.
   detail::SpinningMutex busMutex;
   detail::Link* link = nullptr;  // guarded by busMutex
+  // Made and opened by whoever first needs the bus: the connection's thread,
+  // or a synchronous caller when that thread has not started.
+  std::unique_ptr<detail::Link> ownedLink;  // guarded by busMutex
 
   mutable detail::SpinningMutex mutex;
   std::vector<detail::Request> requests;                        // guarded by mutex
@@ -375,11 +386,14 @@ struct NamedConnection::Core {
   Core& operator=(const Core&) = delete;
   Core(Core&&) = delete;
   Core& operator=(Core&&) = delete;
-  ~Core() {
-    if (wakeFd >= 0) ::close(wakeFd);
-    if (readerWakeFd >= 0) ::close(readerWakeFd);
-    if (epollFd >= 0) ::close(epollFd);
-  }
+  ~Core();
+
+  // The link, opened on first use. Under busMutex.
+  detail::Link& openLink();
+
+  // Starts the connection's thread if the connection is resumed and the
+  // thread is not running yet.
+  void startLoop();
 
   static void signalFd(int fd) {
     const std::uint64_t one = 1;
@@ -395,7 +409,11 @@ struct NamedConnection::Core {
     (void)got;
   }
 
-  void wake() const { signalFd(wakeFd); }
+  // Wakes the connection's thread, starting it first if need be.
+  void wake() {
+    startLoop();
+    signalFd(wakeFd);
+  }
 
   // Queues work for the connection's thread and wakes it when it may be
   // asleep: it empties both queues at once, so a non-empty one means a
@@ -455,6 +473,9 @@ struct NamedConnection::Core {
   // Queues a wait of exit() for the connection's thread to write what it
   // holds; false when that thread is gone and there is nothing to wait for.
   bool queueExitFlush(const std::shared_ptr<detail::ExitFlush>& flush) {
+    // Never started, it was given nothing to write: synchronous callers
+    // write their own requests.
+    if (!loopStarted.load()) return false;
     {
       std::lock_guard lock(mutex);
       if (loopEnded) return false;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/bus/connection_loop.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
@@ -57,14 +58,9 @@ constexpr std::chrono::seconds kDrainGrace{5};
 
 class Loop {
  public:
-  explicit Loop(std::shared_ptr<Core> core) : core_(std::move(core)), link_(*core_) {}
+  Loop(std::shared_ptr<Core> core, Link& link) : core_(std::move(core)), link_(link) {}
 
   void run() {
-    {
-      std::lock_guard bus(core_->busMutex);
-      link_.open();
-      core_->link = &link_;
-    }
     for (;;) {
       // The host's handlers run with no lock held: one that blocks holds up
       // nobody's synchronous call, and callers holding the bus delay none.
@@ -217,7 +213,7 @@ class Loop {
   }
 
   std::shared_ptr<Core> core_;
-  Link link_;
+  Link& link_;  // the core's
   std::optional<Clock::time_point> graceDeadline_;
   bool stopping_ = false;
 };
@@ -226,7 +222,14 @@ class Loop {
 
 void runLoop(const std::shared_ptr<NamedConnection::Core>& core) {
   loopOfThisThread = core.get();
-  Loop loop(core);
+  (void)pthread_setname_np(pthread_self(), "vela-bus");
+  Link* link = nullptr;
+  {
+    // A synchronous caller may have opened the bus already.
+    std::lock_guard bus(core->busMutex);
+    link = &core->openLink();
+  }
+  Loop loop(core, *link);
   loop.run();
 }
 

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -31,6 +33,37 @@ void countForks() {
 
 }  // namespace detail
 
+NamedConnection::Core::~Core() {
+  // The link first: closing it still signals readerWakeFd.
+  ownedLink.reset();
+  if (wakeFd >= 0) ::close(wakeFd);
+  if (readerWakeFd >= 0) ::close(readerWakeFd);
+  if (epollFd >= 0) ::close(epollFd);
+}
+
+detail::Link& NamedConnection::Core::openLink() {
+  busMutex.assertHeld();
+  if (!ownedLink) {
+    ownedLink = std::make_unique<detail::Link>(*this);
+    ownedLink->open();
+    link = ownedLink.get();
+  }
+  return *ownedLink;
+}
+
+void NamedConnection::Core::startLoop() {
+  if (!resumed.load() || loopStarted.exchange(true)) return;
+  std::shared_ptr<Core> core = self.lock();
+  if (!core) return;  // being destroyed: nothing is left to run
+  try {
+    std::thread([core = std::move(core)] { detail::runLoop(core); }).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: synchronous calls still work, and nothing
+    // else can; new requests belong on a new connection.
+    defunct = true;
+  }
+}
+
 using detail::invokeGuarded;
 using detail::kErrorDisconnected;
 
@@ -45,6 +78,7 @@ bool isInterfaceName(std::string_view name) { return sd_bus_interface_name_is_va
 std::shared_ptr<NamedConnection> NamedConnection::create(std::string serviceName, unsigned options) {
   detail::countForks();
   auto core = std::make_shared<Core>();
+  core->self = core;
   core->service = std::move(serviceName);
   core->bus = (options & kPrivilegedOption) != 0 ? BusKind::kSystem : BusKind::kSession;
   core->wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -69,7 +103,7 @@ NamedConnection::~NamedConnection() {
     std::lock_guard lock(core_->mutex);
     core_->stopRequested = true;
   }
-  if (!thread_.joinable()) {
+  if (!core_->resumed.load()) {
     // Never resumed: fail whatever was queued, as the thread would have.
     std::vector<detail::Request> requests;
     {
@@ -86,11 +120,18 @@ NamedConnection::~NamedConnection() {
     }
     return;
   }
-  core_->wake();
-  // The thread ends by itself: at once when invalidated, else once what is
-  // in flight is answered. Waiting for it could deadlock on a handler that
-  // waits for a lock the releasing thread holds.
-  thread_.detach();
+  if (core_->loopStarted.load()) {
+    // The thread ends by itself: at once when invalidated, else once what
+    // is in flight is answered. Waiting for it could deadlock on a handler
+    // that waits for a lock the releasing thread holds.
+    core_->wake();
+    return;
+  }
+  // Only synchronous calls used the connection, and each has returned:
+  // nothing is in flight that anyone waits for, so the bus closes here.
+  std::lock_guard bus(core_->busMutex);
+  if (core_->link != nullptr) core_->link->close("connection closed");
+  core_->link = nullptr;
 }
 
 void NamedConnection::setInterruptionHandler(std::function<void(Trouble)> handler) {
@@ -102,13 +143,15 @@ void NamedConnection::setInvalidationHandler(std::function<void(Trouble)> handle
 }
 
 void NamedConnection::resume() {
-  if (thread_.joinable()) return;
   if (!hasLoop()) {
     invalidate();
     return;
   }
+  if (core_->resumed.exchange(true)) return;
   detail::registerForExitFlush(core_);
-  thread_ = std::thread([core = core_] { detail::runLoop(core); });
+  // Work queued before now needs the thread; a synchronous call alone never
+  // does. A later post() starts it by itself.
+  if (!core_->queueEmpty()) core_->wake();
 }
 
 void NamedConnection::invalidate() {
@@ -153,6 +196,9 @@ NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& membe
   std::unique_lock busLock(core_->busMutex, std::defer_lock);
   if (!busLock.try_lock_until(deadline)) return {};
   detail::Link* link = core_->link;
+  // Nobody has needed the bus yet: this caller opens it, rather than
+  // starting the connection's thread only to have it open the bus.
+  if (link == nullptr && !core_->loopStarted.load()) link = &core_->openLink();
   // Work still queued for the connection's thread goes first, in order; so
   // does everything before the thread has opened the bus.
   if (link == nullptr || !core_->queueEmpty()) {

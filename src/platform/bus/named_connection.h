@@ -9,7 +9,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include <vela/VelaError.h>
 #include <vela/VelaValue.h>
@@ -82,7 +81,10 @@ class NamedConnection {
   void setInterruptionHandler(std::function<void(Trouble)> handler);
   void setInvalidationHandler(std::function<void(Trouble)> handler);
 
-  // Starts the connection's thread and connects. Thread: any, once.
+  // Lets the connection connect and run its thread. The bus is opened by
+  // whoever first needs it, and the thread starts only once something needs
+  // it (an asynchronous request, a subscription, host code to run): a
+  // process making synchronous calls alone never runs it. Thread: any, once.
   void resume();
 
   // Fails every request in flight and every later one, then runs the
@@ -156,7 +158,6 @@ class NamedConnection {
   void enqueue(detail::Request request);
 
   std::shared_ptr<Core> core_;
-  std::thread thread_;
 };
 
 // Whether `name` is a valid D-Bus interface name, as a center's name must be.
