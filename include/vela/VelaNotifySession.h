@@ -49,7 +49,9 @@ struct Notification;
 // thread": reply closures, the completions of locusStateWithCompletion and
 // isLocusStateChangeInProgressWithCompletion, observers that asked for it
 // and the connection's handlers run there, with none of the library's locks
-// held. The non-blocking twins complete on the main thread instead. A
+// held. That thread starts when something first needs it: a process that
+// only makes synchronous calls runs none, as each caller sends and reads its
+// own call. The non-blocking twins complete on the main thread instead. A
 // synchronous operation called on the connection's thread fails at once with
 // 106 "timed out": its answer could only be read by that very thread.
 //
