@@ -71,18 +71,23 @@ using TheGLibExample = ASessionWithVelad;
 constexpr ExitStatus kSucceeded{.code = 0, .signal = 0};
 constexpr ExitStatus kFailed{.code = 1, .signal = 0};
 
+// That a run started in state `from`, and saw velad's notification of the
+// switch and then of the settled state `to`, which it ended with.
+void expectSwitched(const RunningExample& run, std::string_view from, std::string_view to, std::string_view settled) {
+  EXPECT_EQ(run.indexOf(from), 0);
+  EXPECT_NE(run.indexOf("locating: switching (3)"), -1);
+  EXPECT_GT(run.indexOf(to), run.indexOf("locating: switching (3)"));
+  EXPECT_EQ(run.lines().back(), settled);
+}
+
 TEST_F(TheGLibExample, TogglesLocatingOnThenOffReportingEachSwitchOnceSettled) {
   RunningExample on("--toggle");
   const ExitStatus onStatus = on.finish();
   {
     SCOPED_TRACE(on.output());
     ASSERT_EQ(onStatus, kSucceeded);
-    EXPECT_EQ(on.indexOf("locating: off (1)"), 0);
     EXPECT_NE(on.indexOf("switch accepted"), -1);
-    // The settled state comes from velad's notification, after the switching one.
-    EXPECT_NE(on.indexOf("locating: switching (3)"), -1);
-    EXPECT_GT(on.indexOf("locating: on (2)"), on.indexOf("locating: switching (3)"));
-    EXPECT_EQ(on.lines().back(), "settled: on");
+    expectSwitched(on, "locating: off (1)", "locating: on (2)", "settled: on");
   }
 
   // The next run reads the state this one left, and switches off with a token.
@@ -91,10 +96,7 @@ TEST_F(TheGLibExample, TogglesLocatingOnThenOffReportingEachSwitchOnceSettled) {
   const ExitStatus offStatus = off.finish();
   SCOPED_TRACE(off.output());
   ASSERT_EQ(offStatus, kSucceeded);
-  EXPECT_EQ(off.indexOf("locating: on (2)"), 0);
-  EXPECT_NE(off.indexOf("locating: switching (3)"), -1);
-  EXPECT_GT(off.indexOf("locating: off (1)"), off.indexOf("locating: switching (3)"));
-  EXPECT_EQ(off.lines().back(), "settled: off");
+  expectSwitched(off, "locating: on (2)", "locating: off (1)", "settled: off");
   const auto disables = callsTo(member::kDisableLocusUsingToken.name);
   ASSERT_EQ(disables.size(), 1U);
   EXPECT_TRUE(disables[0].args.contains("token"));

@@ -60,10 +60,17 @@ std::array<protocol::Fields, 2> replyKeys(const protocol::Member& member) {
   return {member.reply, protocol::Fields(&protocol::kDaemonErrorField, 1)};
 }
 
+// Why a reply is a failure before any of its keys is read: an error reply,
+// or one that is not a dictionary.
+std::optional<VelaError> refusedReply(sd_bus_message* reply) {
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return errorReplyFailure(reply);
+  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) return undecodableReplyFailure("reply is not a{sv}");
+  return std::nullopt;
+}
+
 // A synchronous caller's reply, read where it arrived into `sink`.
 NamedConnection::CallOutcome readReply(sd_bus_message* reply, const protocol::Member& member, DescribedKeySink& sink) {
-  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {false, errorReplyFailure(reply)};
-  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) return {false, undecodableReplyFailure("reply is not a{sv}")};
+  if (std::optional<VelaError> refused = refusedReply(reply)) return {false, std::move(refused)};
   std::string whyNot;
   if (!readDescribedKeys(reply, replyKeys(member), sink, &whyNot)) return {false, undecodableReplyFailure(whyNot)};
   return {true, std::nullopt};
@@ -76,10 +83,7 @@ struct Answer {
 };
 
 Answer readAnswer(sd_bus_message* reply, const protocol::Member& member) {
-  if (sd_bus_message_is_method_error(reply, nullptr) != 0) return {std::nullopt, errorReplyFailure(reply)};
-  if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) {
-    return {std::nullopt, undecodableReplyFailure("reply is not a{sv}")};
-  }
+  if (std::optional<VelaError> refused = refusedReply(reply)) return {std::nullopt, std::move(refused)};
   std::string whyNot;
   std::optional<VelaDictionary> keys = readDescribedKeys(reply, replyKeys(member), &whyNot);
   if (!keys) return {std::nullopt, undecodableReplyFailure(whyNot)};
@@ -177,10 +181,7 @@ bool Link::readable() {
   // the handshake, leaving nothing to dispatch that would tell: a bus
   // restarting just as the connection was made. Reported here, or the
   // connection would sleep on a dead bus for good.
-  if (bus_ != nullptr) {
-    close("bus connection lost");
-    interrupt(Trouble::kBusLost);
-  }
+  if (bus_ != nullptr) (void)lost();
   return false;
 }
 

@@ -126,8 +126,8 @@ class Link {
   // One sd_bus_process(), with the message nobody claimed taken: sd-bus's
   // result.
   int dispatchNext();
-  // The bus broke under the reader, who reports it: closes it and reports
-  // the loss. False.
+  // The bus broke or sd-bus gave up on it: closes it and reports the loss.
+  // False.
   bool lost();
   // Fails a call: its waiter settled (to be woken once the bus is let go
   // of), or its handlers deferred to the connection's thread. A reply goes
