@@ -58,7 +58,12 @@ if(TARGET velactl)
   # No RPATH where the dynamic linker looks anyway (/usr/lib/<multiarch>):
   # distributions forbid one there.
   if(NOT CMAKE_INSTALL_FULL_LIBDIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
-    set_target_properties(velactl PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    # Built where it is installed, relative to the library, velactl carries
+    # the installed run path from the start. A run path rewritten at install
+    # would end, in the build tree, in an empty entry that the dynamic linker
+    # reads as the current directory: every library searched for there first.
+    set_target_properties(velactl PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}" BUILD_WITH_INSTALL_RPATH ON
+                                             RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_BINDIR})
   endif()
   install(TARGETS velactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()

@@ -51,11 +51,15 @@ if ! { cmake --preset release &&
   exit 1
 fi
 rm -f "$build_log"
-# Wherever the build put them.
-velad=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velad -perm -u+x -print -quit)
-velactl=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name velactl -perm -u+x -print -quit)
-glib_example=$(find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name vela_glib_host_example \
-  -perm -u+x -print -quit)
+# built PROGRAM: wherever the build put it; the newest, should an older
+# layout of the build tree have left a copy elsewhere.
+built() {
+  find "$root/build/release" -path '*/CMakeFiles' -prune -o -type f -name "$1" -perm -u+x -printf '%T@ %p\n' |
+    sort -rn | head -n 1 | cut -d ' ' -f 2-
+}
+velad=$(built velad)
+velactl=$(built velactl)
+glib_example=$(built vela_glib_host_example)
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/vela-demo.XXXXXX")
 bus_pid=""
