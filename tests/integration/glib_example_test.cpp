@@ -20,8 +20,8 @@ namespace {
 class RunningExample {
  public:
   explicit RunningExample(const std::string& argument)
-      : child_({"/bin/sh", "-c", R"(exec "$0" "$1" >&3 3>&-)", GLIB_HOST_EXAMPLE_PATH, argument},
-               SubprocessOptions{.notifyPipe = true, .discardStdout = false, .stderrPath = {}}) {}
+      : child_({GLIB_HOST_EXAMPLE_PATH, argument},
+               SubprocessOptions{.notifyPipe = true, .discardStdout = false, .stdoutToPipe = true, .stderrPath = {}}) {}
 
   // Reads lines until one is `line`; false when the example ends first.
   bool waitForLine(std::string_view line) {

@@ -52,7 +52,7 @@ void flushAtExit() {
   std::vector<std::shared_ptr<ExitFlush>> waits;
   for (const auto& core : cores) {
     // Not its own loop, whose thread is this one; not one inherited across
-    // fork(), or one whose thread never started: neither has a loop to wait for.
+    // fork(), or one that could not be set up: neither has a loop to wait for.
     if (core.get() == loopOfThisThread || core->generation != forkGeneration.load() || core->wakeFd < 0) continue;
     if (flushHere(*core)) continue;
     // A connection whose thread has ended holds nothing more to write.

@@ -52,7 +52,8 @@ detail::Link& NamedConnection::Core::openLink() {
 }
 
 void NamedConnection::Core::startLoop() {
-  if (!resumed.load() || loopStarted.exchange(true)) return;
+  // Read before the exchange: once the thread runs, a wake-up writes nothing shared.
+  if (!resumed.load() || loopStarted.load() || loopStarted.exchange(true)) return;
   std::shared_ptr<Core> core = self.lock();
   if (!core) return;  // being destroyed: nothing is left to run
   try {
