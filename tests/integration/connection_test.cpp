@@ -5,14 +5,17 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "platform/bus/named_connection.h"
+#include "protocol/names.h"
 #include "session_fixture.h"
 
 namespace vela::testing {
@@ -41,6 +44,54 @@ std::string nameOfThisThread() {
   std::array<char, 16> name{};
   (void)pthread_getname_np(pthread_self(), name.data(), name.size());
   return name.data();
+}
+
+// Sets an environment variable, or unsets it, for as long as it lives.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) saved_ = old;
+    if (value != nullptr) {
+      setenv(name, value, 1);
+    } else {
+      unsetenv(name);
+    }
+  }
+  ~ScopedVariable() {
+    if (saved_) {
+      setenv(name_, saved_->c_str(), 1);
+    } else {
+      unsetenv(name_);
+    }
+  }
+  ScopedVariable(const ScopedVariable&) = delete;
+  ScopedVariable& operator=(const ScopedVariable&) = delete;
+  ScopedVariable(ScopedVariable&&) = delete;
+  ScopedVariable& operator=(ScopedVariable&&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> saved_;
+};
+
+// With no address given, the session bus is the socket `bus` in the user's
+// runtime directory, whose path may hold bytes that a bus address escapes.
+TEST_F(AConnectionToVelad, FindsTheSessionBusInTheRuntimeDirectoryWhenNoAddressIsGiven) {
+  const std::filesystem::path runtimeDir = std::filesystem::path(bus_->directory()) / "run time,%=;dir";
+  ASSERT_TRUE(std::filesystem::create_directory(runtimeDir));
+  std::filesystem::create_symlink(std::filesystem::path(bus_->directory()) / "bus", runtimeDir / "bus");
+  const ScopedVariable noAddress("DBUS_SESSION_BUS_ADDRESS", nullptr);
+  const ScopedVariable runtime("XDG_RUNTIME_DIR", runtimeDir.c_str());
+
+  const auto connection = bus::NamedConnection::create(std::string(protocol::kServiceName), 0);
+  connection->resume();
+  std::promise<std::optional<VelaError>> outcome;
+  connection->callMethod(
+      member::kGetLocusDeviceId, {}, [&outcome](const VelaDictionary& /*reply*/) { outcome.set_value(std::nullopt); },
+      [&outcome](const VelaError& error) { outcome.set_value(error); });
+  auto result = outcome.get_future();
+  ASSERT_EQ(result.wait_for(kReplyTimeLimit), std::future_status::ready);
+  EXPECT_EQ(result.get(), std::nullopt);
 }
 
 TEST_F(AConnectionToVelad, ReconnectsAfterTheDaemonIsKilledAndRestartedBetweenCalls) {

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/bus/client_bus.h"
 #include "platform/bus/variant_codec.h"
 #include "protocol/daemon_error.h"
 #include "protocol/names.h"
@@ -105,10 +106,9 @@ void Link::open() {
   // one process open one at a time.
   static std::mutex opening;
   std::unique_lock openingLock(opening);
-  const int r = core_.bus == BusKind::kSystem ? sd_bus_open_system(&bus_) : sd_bus_open_user(&bus_);
+  const int r = openClientBus(core_.bus, &bus_, helloCookie_);
   openingLock.unlock();
   if (r < 0) {
-    bus_ = nullptr;
     unreachable(Trouble::kBusUnavailable);
     return;
   }
@@ -194,7 +194,7 @@ int Link::dispatchNext() {
     takeUnclaimed(unclaimed);
     sd_bus_message_unref(unclaimed);
   }
-  return r;
+  return helloRefused_ ? -ECONNREFUSED : r;
 }
 
 bool Link::lost() {
@@ -241,7 +241,8 @@ void Link::takeUnclaimed(sd_bus_message* message) {
     // What sd-bus answers by itself when nobody takes the message.
     (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
                                      sd_bus_message_get_path(message));
-  } else if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+  } else if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && !owners_.route(message) &&
+             sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
     // What sd-bus makes up once it has lost the bus. Caught here rather
     // than by a filter, which every message would go through.
     interrupt(Trouble::kBusLost);
@@ -251,8 +252,18 @@ void Link::takeUnclaimed(sd_bus_message* message) {
 void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
   const auto found = std::find_if(pending_.begin(), pending_.end(),
                                   [cookie](const PendingCall& call) { return call.cookie == cookie; });
-  // A reply to a call whose caller gave up and was forgotten.
-  if (found == pending_.end()) return;
+  if (found == pending_.end()) {
+    if (cookie == helloCookie_) {
+      helloCookie_ = 0;
+      // The bus will not have this connection: as lost as one that broke.
+      helloRefused_ = sd_bus_message_is_method_error(message, nullptr) != 0;
+      return;
+    }
+    // The bus answering the owner watch, or a reply to a call whose caller
+    // gave up and was forgotten.
+    (void)owners_.takeReply(message, cookie);
+    return;
+  }
   PendingCall& call = *found;
   const bool unreachable = repliesUnreachable(message);
   if (call.waiter) {

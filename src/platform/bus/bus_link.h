@@ -139,10 +139,11 @@ class Link {
   void runHandlers(PendingCall& call, std::optional<VelaDictionary> reply, std::optional<VelaError> failure);
   void fail(Request& request, const VelaError& error);
   // A message sd-bus dispatched to no one: a reply to a pending call, a
-  // method call for an object this connection does not have, or the loss of
-  // the bus.
+  // method call for an object this connection does not have, a signal the
+  // owner watch asked for, or the loss of the bus.
   void takeUnclaimed(sd_bus_message* message);
-  // The reply to the pending call with `cookie`, if it is still pending.
+  // The reply to the pending call with `cookie`, if it is still pending;
+  // else the bus's answer to Hello or to the owner watch.
   void takeReply(sd_bus_message* message, std::uint64_t cookie);
   // sd-bus's callback for a call with a deadline: its reply, or the error
   // sd-bus makes up when the deadline passes or the bus closes.
@@ -161,8 +162,10 @@ class Link {
   // them runs again sd-bus need not be asked.
   bool mayHoldUndispatched_ = true;
   bool interrupted_ = false;
-  bool reportedInvalid_ = false;  // the invalidation handler was scheduled
-  bool invalidated_ = false;      // invalidate() was asked for: nothing is sent any more
+  bool reportedInvalid_ = false;   // the invalidation handler was scheduled
+  std::uint64_t helloCookie_ = 0;  // the Hello still unanswered, if any
+  bool helloRefused_ = false;      // the bus answered Hello with an error
+  bool invalidated_ = false;       // invalidate() was asked for: nothing is sent any more
 };
 
 // The error a transport failure is reported with.

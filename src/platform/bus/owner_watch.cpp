@@ -2,6 +2,7 @@
 #include "platform/bus/owner_watch.h"
 
 #include <cassert>
+#include <cstring>
 #include <optional>
 
 #include "platform/bus/bus_link.h"
@@ -9,6 +10,19 @@
 #include "protocol/names.h"
 
 namespace vela::bus::detail {
+namespace {
+
+constexpr const char* kBusName = "org.freedesktop.DBus";
+constexpr const char* kBusPath = "/org/freedesktop/DBus";
+
+std::string centerRule(const std::string& center) {
+  // No sender in the rule: unicast signals must match too, and the owner
+  // is checked on arrival, which a well-known sender in a rule cannot do.
+  return "type='signal',path='" + protocol::notificationCenterPath(center) + "',interface='" + center + "',member='" +
+         std::string(protocol::kNotificationSignal) + "'";
+}
+
+}  // namespace
 
 int OwnerWatch::attach(sd_bus* bus, const std::string& service) {
   bus_ = bus;
@@ -17,115 +31,127 @@ int OwnerWatch::attach(sd_bus* bus, const std::string& service) {
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
       service + "'";
-  const int r = sd_bus_add_match_async(bus, &ownerSlot_, rule.c_str(), &OwnerWatch::onNameOwnerChanged,
-                                       &OwnerWatch::onMatchInstalled, this);
-  return r < 0 ? r : 0;
+  return askBus("AddMatch", rule.c_str(), &matchCookie_);
 }
 
 void OwnerWatch::detach() {
-  ownerSlot_ = sd_bus_slot_unref(ownerSlot_);
-  ownerQuery_ = sd_bus_slot_unref(ownerQuery_);
-  for (auto& [center, match] : matches_) match->slot = sd_bus_slot_unref(match->slot);
-  matches_.clear();
-  matchInstalled_ = true;  // nothing is awaited any more
+  // Whatever the bus still owed this connection is gone with it, as are
+  // the matches it holds for it.
+  matchCookie_ = 0;
+  ownerCookie_ = 0;
+  centers_.clear();
   bus_ = nullptr;
+}
+
+int OwnerWatch::askBus(const char* busMethod, const char* argument, std::uint64_t* cookie) {
+  sd_bus_message* message = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &message, kBusName, kBusPath, kBusName, busMethod);
+  if (r >= 0) r = sd_bus_message_append_basic(message, 's', argument);
+  if (r >= 0 && cookie == nullptr) r = sd_bus_message_set_expect_reply(message, 0);
+  if (r >= 0) r = sd_bus_send(bus_, message, cookie);
+  sd_bus_message_unref(message);
+  return r < 0 ? r : 0;
+}
+
+bool OwnerWatch::takeReply(sd_bus_message* reply, std::uint64_t cookie) {
+  if (cookie == 0) return false;
+  if (cookie == matchCookie_) {
+    matchCookie_ = 0;
+    return true;
+  }
+  if (cookie != ownerCookie_) return false;
+  ownerCookie_ = 0;
+  const char* owner = nullptr;
+  std::optional<std::string> answer;
+  if (sd_bus_message_is_method_error(reply, nullptr) == 0 && sd_bus_message_read(reply, "s", &owner) >= 0) {
+    answer = owner;
+  }
+  link_.defer([this, answer = std::move(answer)]() mutable {
+    // A change reported meanwhile is newer than this answer.
+    if (ownerKnown_) return;
+    if (answer) owner_ = std::move(*answer);
+    ownerKnown_ = true;
+  });
+  return true;
 }
 
 void OwnerWatch::subscribe(Subscription subscription) {
   assert(link_.core().onLoopThread());
-  auto found = matches_.find(subscription.center);
+  const auto found = centers_.find(subscription.center);
   if (!subscription.sink) {
     sinks_.erase(subscription.center);
-    if (found != matches_.end()) {
-      sd_bus_slot_unref(found->second->slot);
-      matches_.erase(found);
+    if (found != centers_.end()) {
+      if (bus_ != nullptr) (void)askBus("RemoveMatch", centerRule(subscription.center).c_str(), nullptr);
+      centers_.erase(found);
     }
     return;
   }
-  if (found != matches_.end()) {
+  if (found != centers_.end()) {
     sinks_.insert_or_assign(subscription.center, std::move(subscription.sink));
     return;
   }
   if (bus_ == nullptr) return;
-  auto match = std::make_unique<CenterMatch>();
-  match->watch = this;
-  match->center = subscription.center;
-  const std::string path = protocol::notificationCenterPath(subscription.center);
-  // No sender in the rule: unicast signals must match too, and the owner
-  // is checked on arrival, which a well-known sender in a rule cannot do.
-  if (sd_bus_match_signal_async(bus_, &match->slot, nullptr, path.c_str(), subscription.center.c_str(),
-                                protocol::kNotificationSignal.data(), &OwnerWatch::onNotification, nullptr,
-                                match.get()) < 0) {
-    return;
-  }
+  (void)askBus("AddMatch", centerRule(subscription.center).c_str(), nullptr);
   sinks_.insert_or_assign(subscription.center, std::move(subscription.sink));
-  matches_.emplace(std::move(subscription.center), std::move(match));
+  centers_.insert(std::move(subscription.center));
   queryOwner();
 }
 
 // Asked once per connection, after the NameOwnerChanged match is in place,
 // so that every later change arrives as a signal.
 void OwnerWatch::queryOwner() {
-  if (ownerQuery_ != nullptr || bus_ == nullptr) return;
-  (void)sd_bus_call_method_async(bus_, &ownerQuery_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "GetNameOwner", &OwnerWatch::onOwnerReply, this, "s",
-                                 service_.c_str());
+  if (ownerCookie_ != 0 || bus_ == nullptr) return;
+  (void)askBus("GetNameOwner", service_.c_str(), &ownerCookie_);
 }
 
-int OwnerWatch::onMatchInstalled(sd_bus_message* /*reply*/, void* userdata, sd_bus_error* /*error*/) {
-  static_cast<OwnerWatch*>(userdata)->matchInstalled_ = true;
-  return 0;
+bool OwnerWatch::route(sd_bus_message* signal) {
+  const char* interface = sd_bus_message_get_interface(signal);
+  const char* member = sd_bus_message_get_member(signal);
+  const char* path = sd_bus_message_get_path(signal);
+  if (interface == nullptr || member == nullptr || path == nullptr) return false;
+  if (protocol::kNotificationSignal == member) {
+    const auto center = centers_.find(std::string_view(interface));
+    if (center == centers_.end() || protocol::notificationCenterPath(*center) != path) return false;
+    onNotification(signal, interface);
+    return true;
+  }
+  // Only the bus itself can send as its own name.
+  const char* sender = sd_bus_message_get_sender(signal);
+  if (std::strcmp(member, "NameOwnerChanged") != 0 || std::strcmp(interface, kBusName) != 0 ||
+      std::strcmp(path, kBusPath) != 0 || sender == nullptr || std::strcmp(sender, kBusName) != 0) {
+    return false;
+  }
+  onNameOwnerChanged(signal);
+  return true;
 }
 
-int OwnerWatch::onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  auto* watch = static_cast<OwnerWatch*>(userdata);
+void OwnerWatch::onNameOwnerChanged(sd_bus_message* message) {
   const char* name = nullptr;
   const char* oldOwner = nullptr;
   const char* newOwner = nullptr;
-  if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
-  watch->link_.defer([watch, owner = std::string(newOwner)]() mutable {
-    watch->owner_ = std::move(owner);
-    watch->ownerKnown_ = true;
+  if (sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) < 0 || service_ != name) return;
+  link_.defer([this, owner = std::string(newOwner)]() mutable {
+    owner_ = std::move(owner);
+    ownerKnown_ = true;
   });
   // A first owner appearing is no interruption; losing or changing one is.
-  if (oldOwner[0] != '\0') watch->link_.interrupt(Trouble::kOwnerChanged);
-  return 0;
+  if (oldOwner[0] != '\0') link_.interrupt(Trouble::kOwnerChanged);
 }
 
-int OwnerWatch::onOwnerReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
-  auto* watch = static_cast<OwnerWatch*>(userdata);
-  watch->ownerQuery_ = sd_bus_slot_unref(watch->ownerQuery_);
-  const char* owner = nullptr;
-  std::optional<std::string> answer;
-  if (sd_bus_message_is_method_error(reply, nullptr) == 0 && sd_bus_message_read(reply, "s", &owner) >= 0) {
-    answer = owner;
-  }
-  watch->link_.defer([watch, answer = std::move(answer)]() mutable {
-    // A change reported meanwhile is newer than this answer.
-    if (watch->ownerKnown_) return;
-    if (answer) watch->owner_ = std::move(*answer);
-    watch->ownerKnown_ = true;
-  });
-  return 0;
-}
-
-int OwnerWatch::onNotification(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
-  auto* match = static_cast<CenterMatch*>(userdata);
+void OwnerWatch::onNotification(sd_bus_message* message, const char* center) {
   const char* sender = sd_bus_message_get_sender(message);
-  if (sender == nullptr || sd_bus_message_has_signature(message, "sa{sv}") <= 0) return 0;
+  if (sender == nullptr || sd_bus_message_has_signature(message, "sa{sv}") <= 0) return;
   const char* name = nullptr;
-  if (sd_bus_message_read_basic(message, 's', &name) < 0) return 0;
+  if (sd_bus_message_read_basic(message, 's', &name) < 0) return;
   std::optional<VelaDictionary> userInfo = readDictionary(message);
-  if (!userInfo) return 0;
-  OwnerWatch* watch = match->watch;
-  watch->link_.defer([watch, center = match->center, sender = std::string(sender), name = std::string(name),
-                      userInfo = std::move(*userInfo)]() mutable {
+  if (!userInfo) return;
+  link_.defer([this, center = std::string(center), sender = std::string(sender), name = std::string(name),
+               userInfo = std::move(*userInfo)]() mutable {
     // Looked up here: the center may have been dropped since.
-    const auto found = watch->sinks_.find(center);
-    if (found == watch->sinks_.end() || watch->owner_.empty() || watch->owner_ != sender) return;
+    const auto found = sinks_.find(center);
+    if (found == sinks_.end() || owner_.empty() || owner_ != sender) return;
     invokeGuarded(found->second, std::move(name), std::move(userInfo));
   });
-  return 0;
 }
 
 }  // namespace vela::bus::detail

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <cstdint>
 #include <map>
-#include <memory>
+#include <set>
 #include <string>
 
 #include <systemd/sd-bus.h>
@@ -18,7 +19,13 @@ class Link;
 // checked against the owner where owner changes are applied, on the
 // connection's thread, so the two keep the order in which they arrived.
 //
-// THREADING: the sd-bus slots are touched under busMutex; owner_ and the
+// The bus is asked directly rather than through sd-bus's matches and reply
+// callbacks: sd-bus runs every incoming message through its match tree and
+// looks every reply up among its callbacks once it has any, which would cost
+// every call the connection makes. Signals and the bus's answers come back
+// here unclaimed, through route() and takeReply().
+//
+// THREADING: the sd-bus side is touched under busMutex; owner_ and the
 // sinks only on the connection's thread (directly, or through Link::defer).
 class OwnerWatch {
  public:
@@ -40,34 +47,35 @@ class OwnerWatch {
   // On the connection's thread, under busMutex.
   void subscribe(Subscription subscription);
 
-  bool listening() const { return !matches_.empty(); }
-  // The match or the owner query are still awaiting the bus's answer.
-  bool awaitingBus() const { return ownerQuery_ != nullptr || !matchInstalled_; }
+  // Takes `signal` if it is one this watch asked for: true then. Under
+  // busMutex.
+  bool route(sd_bus_message* signal);
+  // Takes `reply` if it answers one of this watch's questions to the bus:
+  // true then. Under busMutex.
+  bool takeReply(sd_bus_message* reply, std::uint64_t cookie);
+
+  bool listening() const { return !centers_.empty(); }
+  // The owner match or the owner query still await the bus's answer.
+  bool awaitingBus() const { return matchCookie_ != 0 || ownerCookie_ != 0; }
 
  private:
-  // The match of one center. Its address is the match's userdata, so it
-  // lives in a node of its own.
-  struct CenterMatch {
-    OwnerWatch* watch = nullptr;
-    std::string center;
-    sd_bus_slot* slot = nullptr;
-  };
-
   void queryOwner();
+  // Calls `busMethod` of the bus with one string. Its reply, matched by
+  // `cookie`, comes back through takeReply(); with no cookie, none is asked
+  // for. Returns 0 or a negative errno.
+  int askBus(const char* busMethod, const char* argument, std::uint64_t* cookie);
 
-  static int onMatchInstalled(sd_bus_message* reply, void* userdata, sd_bus_error* error);
-  static int onNameOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
-  static int onOwnerReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
-  static int onNotification(sd_bus_message* message, void* userdata, sd_bus_error* error);
+  void onNameOwnerChanged(sd_bus_message* message);
+  void onNotification(sd_bus_message* message, const char* center);
 
   Link& link_;
   sd_bus* bus_ = nullptr;  // under busMutex
   std::string service_;
-  sd_bus_slot* ownerSlot_ = nullptr;                                          // under busMutex
-  sd_bus_slot* ownerQuery_ = nullptr;                                         // under busMutex
-  bool matchInstalled_ = false;                                               // under busMutex
-  std::map<std::string, std::unique_ptr<CenterMatch>, std::less<>> matches_;  // under busMutex
-  std::map<std::string, NotificationSink, std::less<>> sinks_;                // connection's thread
+  // Cookies of the questions to the bus still unanswered; 0 for none.
+  std::uint64_t matchCookie_ = 0;                               // under busMutex: AddMatch for owner changes
+  std::uint64_t ownerCookie_ = 0;                               // under busMutex: GetNameOwner
+  std::set<std::string, std::less<>> centers_;                  // under busMutex: those matched on the bus
+  std::map<std::string, NotificationSink, std::less<>> sinks_;  // connection's thread
   std::string owner_;        // connection's thread: unique name owning the service; "" while it has none
   bool ownerKnown_ = false;  // connection's thread: owner_ has been learnt
 };
