@@ -485,11 +485,17 @@ struct NamedConnection::Core {
     return true;
   }
 
+  // Whether callers gave up on calls since the last time this was asked.
+  // Asked by every reader each time round, so it writes only when one did.
+  bool takeAbandoned() {
+    return abandonedCalls.load(std::memory_order_relaxed) != 0 &&
+           abandonedCalls.exchange(0, std::memory_order_relaxed) != 0;
+  }
+
   // Whether this is the connection's own thread.
   bool onLoopThread() const { return detail::loopOfThisThread == this; }
 
- private:
-  // Under mutex.
+  // Whether the connection's thread has work waiting for it. Under mutex.
   bool hasQueuedWork() const {
     return !requests.empty() || !subscriptions.empty() || !exitFlushes.empty() || invalidateRequested || stopRequested;
   }

@@ -70,7 +70,7 @@ class Loop {
         std::unique_lock bus(core_->busMutex);
         drain();
         readIfNobodyDoes();
-        if (core_->abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link_.dropAbandoned();
+        if (core_->takeAbandoned()) link_.dropAbandoned();
         if (finished()) {
           link_.close("connection closed");
           core_->link = nullptr;

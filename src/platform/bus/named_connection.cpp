@@ -202,24 +202,20 @@ NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& membe
   if (link == nullptr && !core_->loopStarted.load()) link = &core_->openLink();
   // Work still queued for the connection's thread goes first, in order; so
   // does everything before the thread has opened the bus.
-  if (link == nullptr || !core_->queueEmpty()) {
+  const detail::CallerRole role =
+      link == nullptr ? detail::CallerRole::kBehindQueue : detail::claimRole(*core_, waiter);
+  if (role == detail::CallerRole::kBehindQueue) {
     busLock.unlock();
     enqueue(std::move(request));
     return detail::awaitAsFollower(*core_, waiter, deadline);
   }
-  switch (link->start(request)) {
-    case detail::Link::Started::kSent:
-      return detail::awaitAnswer(*core_, waiter, deadline, busLock);
-    case detail::Link::Started::kFailed:
-      busLock.unlock();
-      return waiter->takeOutcome();
-    case detail::Link::Started::kBusGone:
-      break;
-  }
-  // The request never left: the bus behind this connection is gone. Report
-  // the loss, then make the call once on a fresh connection.
-  link->interrupt(Trouble::kBusLost);
-  busLock.unlock();
+  const detail::Link::Started started = link->start(request);
+  if (started == detail::Link::Started::kSent) return detail::awaitAnswer(*core_, waiter, role, deadline, busLock);
+  // The request never left. When the bus behind this connection is gone,
+  // report the loss, then make the call once on a fresh connection.
+  if (started == detail::Link::Started::kBusGone) link->interrupt(Trouble::kBusLost);
+  detail::dropRole(*core_, *waiter, role, busLock);
+  if (started == detail::Link::Started::kFailed) return waiter->takeOutcome();
   core_->wake();
   std::shared_ptr<NamedConnection> fresh;
   if (reconnect && *reconnect) fresh = (*reconnect)();

@@ -36,7 +36,7 @@ CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point dead
   for (;;) {
     Link* link = core.link;
     if (link == nullptr) break;
-    if (core.abandonedCalls.exchange(0, std::memory_order_relaxed) > 0) link->dropAbandoned();
+    if (core.takeAbandoned()) link->dropAbandoned();
     bool alive = true;
     // Answers read along with this one go to their callers now, rather than
     // each waiting for the bus to be handed to it; what has not arrived yet
@@ -135,22 +135,34 @@ void releaseReader(Core& core, Link* link, Wakes& wakes) {
   if (wakeLoop) core.wake();
 }
 
-CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, Clock::time_point deadline,
-                        std::unique_lock<SpinningMutex>& busLock) {
-  bool reads = false;
-  {
-    std::lock_guard lock(core.mutex);
-    if (core.reader == Reader::kNone) {
-      core.reader = Reader::kCaller;
-      disarmLoop(core);
-      reads = true;
-    } else {
-      core.waiting.push_back(waiter);
-    }
+CallerRole claimRole(Core& core, const std::shared_ptr<Waiter>& waiter) {
+  std::lock_guard lock(core.mutex);
+  if (core.hasQueuedWork()) return CallerRole::kBehindQueue;
+  if (core.reader == Reader::kNone) {
+    core.reader = Reader::kCaller;
+    disarmLoop(core);
+    return CallerRole::kReader;
   }
-  if (reads) return readUntilAnswered(core, *waiter, deadline, busLock, true);
+  core.waiting.push_back(waiter);
+  return CallerRole::kFollower;
+}
+
+CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, CallerRole role, Clock::time_point deadline,
+                        std::unique_lock<SpinningMutex>& busLock) {
+  if (role == CallerRole::kReader) return readUntilAnswered(core, *waiter, deadline, busLock, true);
   busLock.unlock();
   return awaitAsFollower(core, waiter, deadline);
+}
+
+void dropRole(Core& core, Waiter& waiter, CallerRole role, std::unique_lock<SpinningMutex>& busLock) {
+  Wakes& wakes = Wakes::ofThisThread();
+  if (role == CallerRole::kReader) {
+    releaseReader(core, core.link, wakes);
+  } else {
+    // Left in the queue, it is passed over once it no longer waits.
+    (void)waiter.abandon();
+  }
+  unlockBus(core.link, busLock, wakes, &waiter);
 }
 
 CallOutcome awaitAsFollower(Core& core, const std::shared_ptr<Waiter>& waiter, Clock::time_point deadline) {

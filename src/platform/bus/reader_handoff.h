@@ -21,13 +21,31 @@ namespace vela::bus::detail {
 
 class Link;
 
-// Called with the bus held, after `waiter`'s request was sent: reads the bus
-// for it when nobody else does, else sleeps until someone hands over its
-// answer or the bus. Returns by `deadline` whatever other threads are doing,
-// with `busLock` released; an empty outcome means the deadline passed.
+// What a synchronous caller holding the bus does with its request.
+enum class CallerRole {
+  kBehindQueue,  // work queued for the connection's thread goes first: the request joins it
+  kReader,       // it sends, then reads the bus for its answer
+  kFollower,     // it sends, then sleeps while another reads the bus for it
+};
+
+// Decides a caller's role, with the bus held and before it sends: a
+// follower is registered as waiting at once. Taken in one go, under the
+// core's mutex, so that each call takes that lock once on its way out.
+CallerRole claimRole(NamedConnection::Core& core, const std::shared_ptr<Waiter>& waiter);
+
+// Called with the bus held, after `waiter`'s request was sent, as the
+// `role` claimRole() gave: reads the bus for it as the reader, else sleeps
+// until someone hands over its answer or the bus. Returns by `deadline`
+// whatever other threads are doing, with `busLock` released; an empty
+// outcome means the deadline passed.
 NamedConnection::CallOutcome awaitAnswer(NamedConnection::Core& core, const std::shared_ptr<Waiter>& waiter,
-                                         std::chrono::steady_clock::time_point deadline,
+                                         CallerRole role, std::chrono::steady_clock::time_point deadline,
                                          std::unique_lock<SpinningMutex>& busLock);
+
+// A reader or follower whose request never left gives up its role (a
+// reader hands the bus on, a follower is never handed it), then lets go of
+// the bus.
+void dropRole(NamedConnection::Core& core, Waiter& waiter, CallerRole role, std::unique_lock<SpinningMutex>& busLock);
 
 // Sleeps, without the bus, until `waiter` is answered, handed the bus, or
 // `deadline` passes. For a caller whose request the connection's thread sends.
