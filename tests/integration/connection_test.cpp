@@ -5,7 +5,6 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -16,6 +15,7 @@
 
 #include "platform/bus/named_connection.h"
 #include "protocol/names.h"
+#include "scoped_variable.h"
 #include "session_fixture.h"
 
 namespace vela::testing {
@@ -45,34 +45,6 @@ std::string nameOfThisThread() {
   (void)pthread_getname_np(pthread_self(), name.data(), name.size());
   return name.data();
 }
-
-// Sets an environment variable, or unsets it, for as long as it lives.
-class ScopedVariable {
- public:
-  ScopedVariable(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) saved_ = old;
-    if (value != nullptr) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
-  }
-  ~ScopedVariable() {
-    if (saved_) {
-      setenv(name_, saved_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  ScopedVariable(const ScopedVariable&) = delete;
-  ScopedVariable& operator=(const ScopedVariable&) = delete;
-  ScopedVariable(ScopedVariable&&) = delete;
-  ScopedVariable& operator=(ScopedVariable&&) = delete;
-
- private:
-  const char* name_;
-  std::optional<std::string> saved_;
-};
 
 // With no address given, the session bus is the socket `bus` in the user's
 // runtime directory, whose path may hold bytes that a bus address escapes.

@@ -27,6 +27,7 @@
 
 #include "private_bus.h"
 #include "protocol/names.h"
+#include "scoped_variable.h"
 #include "test_bus_client.h"
 
 namespace vela::testing {
@@ -145,20 +146,6 @@ class NotifySocket {
   int fd_ = -1;
 };
 
-// Sets an environment variable for the test's lifetime.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const std::string& value) : name_(name) { ::setenv(name, value.c_str(), 1); }
-  ~ScopedEnvironment() { ::unsetenv(name_); }
-  ScopedEnvironment(const ScopedEnvironment&) = delete;
-  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-  ScopedEnvironment(ScopedEnvironment&&) = delete;
-  ScopedEnvironment& operator=(ScopedEnvironment&&) = delete;
-
- private:
-  const char* name_;
-};
-
 constexpr milliseconds kDeadline = kStartTimeout;
 
 class VeladUnderAServiceManager : public ::testing::Test {
@@ -228,7 +215,7 @@ TEST_F(VeladUnderAServiceManager, SaysItIsStoppingWhenTerminated) {
 
 TEST_F(VeladUnderAServiceManager, FeedsTheWatchdogWellWithinItsInterval) {
   constexpr milliseconds kInterval(2000);
-  const ScopedEnvironment interval("WATCHDOG_USEC", std::to_string(kInterval.count() * 1000));
+  const ScopedVariable interval("WATCHDOG_USEC", std::to_string(kInterval.count() * 1000).c_str());
   startVelad(/*watchdogForItself=*/true);
   ASSERT_TRUE(socket_->waitFor("READY=1", kDeadline));
 
@@ -249,8 +236,8 @@ TEST_F(VeladUnderAServiceManager, FeedsTheWatchdogWellWithinItsInterval) {
 TEST_F(VeladUnderAServiceManager, LeavesAWatchdogMeantForAnotherProcessUnfed) {
   // Inherited from whoever started velad's starter: not velad's to feed.
   constexpr milliseconds kInterval(100);
-  const ScopedEnvironment interval("WATCHDOG_USEC", std::to_string(kInterval.count() * 1000));
-  const ScopedEnvironment pid("WATCHDOG_PID", std::to_string(::getpid()));
+  const ScopedVariable interval("WATCHDOG_USEC", std::to_string(kInterval.count() * 1000).c_str());
+  const ScopedVariable pid("WATCHDOG_PID", std::to_string(::getpid()).c_str());
   startVelad();
   std::vector<Notification> before;
   ASSERT_TRUE(socket_->waitFor("READY=1", kDeadline, &before));
