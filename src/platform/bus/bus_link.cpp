@@ -241,11 +241,13 @@ void Link::takeUnclaimed(sd_bus_message* message) {
     // What sd-bus answers by itself when nobody takes the message.
     (void)sd_bus_reply_method_errorf(message, SD_BUS_ERROR_UNKNOWN_OBJECT, "Unknown object '%s'.",
                                      sd_bus_message_get_path(message));
-  } else if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && !owners_.route(message) &&
-             sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
-    // What sd-bus makes up once it has lost the bus. Caught here rather
-    // than by a filter, which every message would go through.
-    interrupt(Trouble::kBusLost);
+  } else if (sd_bus_message_is_signal(message, nullptr, nullptr) > 0 && !owners_.route(message)) {
+    // A signal nobody asked for, or the one sd-bus makes up once it has lost
+    // the bus: caught here rather than by a filter, which every message
+    // would go through.
+    if (sd_bus_message_is_signal(message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+      interrupt(Trouble::kBusLost);
+    }
   }
 }
 

@@ -3,9 +3,15 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace vela::bus::detail {
+namespace {
 
+// `value` escaped for a D-Bus address: every byte outside [-0-9A-Za-z_/.]
+// as %xx.
 std::string escapeAddressValue(std::string_view value) {
   constexpr std::string_view kHex = "0123456789abcdef";
   constexpr unsigned kNibble = 4;
@@ -27,6 +33,7 @@ std::string escapeAddressValue(std::string_view value) {
   return escaped;
 }
 
+// None when the session bus has neither an address nor a runtime directory.
 std::optional<std::string> busAddress(BusKind kind) {
   // secure_getenv: a set-user-ID caller must not be pointed at another bus.
   if (kind == BusKind::kSystem) {
@@ -39,6 +46,19 @@ std::optional<std::string> busAddress(BusKind kind) {
   return "unix:path=" + escapeAddressValue(runtimeDir) + "/bus";
 }
 
+}  // namespace
+
+int callBusDriver(sd_bus* bus, const char* method, const char* argument, std::uint64_t* cookie) {
+  sd_bus_message* message = nullptr;
+  int r = sd_bus_message_new_method_call(bus, &message, kBusDriverName.data(), kBusDriverPath.data(),
+                                         kBusDriverName.data(), method);
+  if (r >= 0 && argument != nullptr) r = sd_bus_message_append_basic(message, 's', argument);
+  if (r >= 0 && cookie == nullptr) r = sd_bus_message_set_expect_reply(message, 0);
+  if (r >= 0) r = sd_bus_send(bus, message, cookie);
+  sd_bus_message_unref(message);
+  return r < 0 ? r : 0;
+}
+
 int openClientBus(BusKind kind, sd_bus** out, std::uint64_t& helloCookie) {
   const std::optional<std::string> address = busAddress(kind);
   if (!address) return -ENOMEDIUM;
@@ -47,13 +67,7 @@ int openClientBus(BusKind kind, sd_bus** out, std::uint64_t& helloCookie) {
   if (r < 0) return r;
   r = sd_bus_set_address(bus, address->c_str());
   if (r >= 0) r = sd_bus_start(bus);
-  sd_bus_message* hello = nullptr;
-  if (r >= 0) {
-    r = sd_bus_message_new_method_call(bus, &hello, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus", "Hello");
-  }
-  if (r >= 0) r = sd_bus_send(bus, hello, &helloCookie);
-  sd_bus_message_unref(hello);
+  if (r >= 0) r = callBusDriver(bus, "Hello", nullptr, &helloCookie);
   if (r < 0) {
     sd_bus_close_unref(bus);
     return r;

@@ -2,9 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include <systemd/sd-bus.h>
 
@@ -12,20 +9,19 @@
 
 namespace vela::bus::detail {
 
-// The address of the system or session bus: the one DBUS_SYSTEM_BUS_ADDRESS
-// or DBUS_SESSION_BUS_ADDRESS names, else the usual socket (for the session
-// bus, `bus` in XDG_RUNTIME_DIR). None when the session bus has neither.
-std::optional<std::string> busAddress(BusKind kind);
-
-// `value` escaped for a D-Bus address: every byte outside [-0-9A-Za-z_/.]
-// as %xx.
-std::string escapeAddressValue(std::string_view value);
-
-// Opens a client connection to the bus of `kind` and queues the Hello every
-// bus expects first. The caller takes the reply, matched by `helloCookie`:
-// had sd-bus sent Hello itself, it would keep a reply callback table from
-// then on and look every reply the connection gets up in it. Returns 0 or
-// a negative errno; `*out` is set only on success.
+// Opens a client connection to the bus of `kind`, at the address that
+// DBUS_SYSTEM_BUS_ADDRESS or DBUS_SESSION_BUS_ADDRESS names, else the usual
+// socket (for the session bus, `bus` in XDG_RUNTIME_DIR), and queues the
+// Hello every bus expects first. The caller takes the reply, matched by
+// `helloCookie`: had sd-bus sent Hello itself, it would keep a reply
+// callback table from then on and look every reply the connection gets up
+// in it. Returns 0 or a negative errno; `*out` is set only on success.
 int openClientBus(BusKind kind, sd_bus** out, std::uint64_t& helloCookie);
+
+// Calls `method` of the bus itself, with one string argument unless it is
+// null. Its reply, matched by `cookie`, comes back unclaimed from
+// sd_bus_process(); with no cookie, none is asked for. Returns 0 or a
+// negative errno.
+int callBusDriver(sd_bus* bus, const char* method, const char* argument, std::uint64_t* cookie);
 
 }  // namespace vela::bus::detail

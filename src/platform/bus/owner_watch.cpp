@@ -6,14 +6,12 @@
 #include <optional>
 
 #include "platform/bus/bus_link.h"
+#include "platform/bus/client_bus.h"
 #include "platform/bus/variant_codec.h"
 #include "protocol/names.h"
 
 namespace vela::bus::detail {
 namespace {
-
-constexpr const char* kBusName = "org.freedesktop.DBus";
-constexpr const char* kBusPath = "/org/freedesktop/DBus";
 
 std::string centerRule(const std::string& center) {
   // No sender in the rule: unicast signals must match too, and the owner
@@ -27,11 +25,10 @@ std::string centerRule(const std::string& center) {
 int OwnerWatch::attach(sd_bus* bus, const std::string& service) {
   bus_ = bus;
   service_ = service;
-  const std::string rule =
-      "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
-      "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
-      service + "'";
-  return askBus("AddMatch", rule.c_str(), &matchCookie_);
+  const std::string driver(kBusDriverName);
+  const std::string rule = "type='signal',sender='" + driver + "',path='" + std::string(kBusDriverPath) +
+                           "',interface='" + driver + "',member='NameOwnerChanged',arg0='" + service + "'";
+  return callBusDriver(bus, "AddMatch", rule.c_str(), &matchCookie_);
 }
 
 void OwnerWatch::detach() {
@@ -41,16 +38,6 @@ void OwnerWatch::detach() {
   ownerCookie_ = 0;
   centers_.clear();
   bus_ = nullptr;
-}
-
-int OwnerWatch::askBus(const char* busMethod, const char* argument, std::uint64_t* cookie) {
-  sd_bus_message* message = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &message, kBusName, kBusPath, kBusName, busMethod);
-  if (r >= 0) r = sd_bus_message_append_basic(message, 's', argument);
-  if (r >= 0 && cookie == nullptr) r = sd_bus_message_set_expect_reply(message, 0);
-  if (r >= 0) r = sd_bus_send(bus_, message, cookie);
-  sd_bus_message_unref(message);
-  return r < 0 ? r : 0;
 }
 
 bool OwnerWatch::takeReply(sd_bus_message* reply, std::uint64_t cookie) {
@@ -81,7 +68,7 @@ void OwnerWatch::subscribe(Subscription subscription) {
   if (!subscription.sink) {
     sinks_.erase(subscription.center);
     if (found != centers_.end()) {
-      if (bus_ != nullptr) (void)askBus("RemoveMatch", centerRule(subscription.center).c_str(), nullptr);
+      if (bus_ != nullptr) (void)callBusDriver(bus_, "RemoveMatch", centerRule(subscription.center).c_str(), nullptr);
       centers_.erase(found);
     }
     return;
@@ -91,7 +78,7 @@ void OwnerWatch::subscribe(Subscription subscription) {
     return;
   }
   if (bus_ == nullptr) return;
-  (void)askBus("AddMatch", centerRule(subscription.center).c_str(), nullptr);
+  (void)callBusDriver(bus_, "AddMatch", centerRule(subscription.center).c_str(), nullptr);
   sinks_.insert_or_assign(subscription.center, std::move(subscription.sink));
   centers_.insert(std::move(subscription.center));
   queryOwner();
@@ -101,7 +88,7 @@ void OwnerWatch::subscribe(Subscription subscription) {
 // so that every later change arrives as a signal.
 void OwnerWatch::queryOwner() {
   if (ownerCookie_ != 0 || bus_ == nullptr) return;
-  (void)askBus("GetNameOwner", service_.c_str(), &ownerCookie_);
+  (void)callBusDriver(bus_, "GetNameOwner", service_.c_str(), &ownerCookie_);
 }
 
 bool OwnerWatch::route(sd_bus_message* signal) {
@@ -117,8 +104,8 @@ bool OwnerWatch::route(sd_bus_message* signal) {
   }
   // Only the bus itself can send as its own name.
   const char* sender = sd_bus_message_get_sender(signal);
-  if (std::strcmp(member, "NameOwnerChanged") != 0 || std::strcmp(interface, kBusName) != 0 ||
-      std::strcmp(path, kBusPath) != 0 || sender == nullptr || std::strcmp(sender, kBusName) != 0) {
+  if (std::strcmp(member, "NameOwnerChanged") != 0 || kBusDriverName != interface || kBusDriverPath != path ||
+      sender == nullptr || kBusDriverName != sender) {
     return false;
   }
   onNameOwnerChanged(signal);

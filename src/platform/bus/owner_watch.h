@@ -60,10 +60,6 @@ class OwnerWatch {
 
  private:
   void queryOwner();
-  // Calls `busMethod` of the bus with one string. Its reply, matched by
-  // `cookie`, comes back through takeReply(); with no cookie, none is asked
-  // for. Returns 0 or a negative errno.
-  int askBus(const char* busMethod, const char* argument, std::uint64_t* cookie);
 
   void onNameOwnerChanged(sd_bus_message* message);
   void onNotification(sd_bus_message* message, const char* center);
