@@ -9,7 +9,7 @@ namespace {
 namespace calls = vela::session::calls;
 
 template <typename Call>
-std::optional<std::string> queryString(VelaNotifySession& session, const char* label, const Call& call) {
+[[gnu::hot]] std::optional<std::string> queryString(VelaNotifySession& session, const char* label, const Call& call) {
   return std::get<0>(vela::session::callSynchronously(session, label, call).values);
 }
 
@@ -28,7 +28,8 @@ std::optional<VelaDictionary> accountOf(std::optional<std::string> username, std
 }
 
 template <typename Call>
-std::optional<VelaDictionary> queryAccount(VelaNotifySession& session, const char* label, const Call& call) {
+[[gnu::hot]] std::optional<VelaDictionary> queryAccount(VelaNotifySession& session, const char* label,
+                                                        const Call& call) {
   auto [username, personID] = vela::session::callSynchronously(session, label, call).values;
   return accountOf(std::move(username), std::move(personID));
 }

@@ -68,7 +68,7 @@ VelaNotifySession::~VelaNotifySession() {
   _destroyLinkConnection();
 }
 
-std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
+[[gnu::hot]] std::shared_ptr<NamedConnection> VelaNotifySession::currentLinkConnection() {
   // Nearly always the connection exists: take it without the process-wide
   // queue, which only creation needs.
   if (auto existing = linkConnection(); existing && existing->usable()) return existing;
@@ -176,7 +176,7 @@ VelaError VelaNotifySession::newErrorForCode(std::int32_t code, std::string_view
   return vela::session::libraryError(code, message);
 }
 
-std::shared_ptr<NamedConnection> VelaNotifySession::linkConnection() const {
+[[gnu::hot]] std::shared_ptr<NamedConnection> VelaNotifySession::linkConnection() const {
   std::lock_guard lock(fieldsMutex_);
   return linkConnection_;
 }

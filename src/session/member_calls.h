@@ -113,7 +113,7 @@ class ReplyDecoder final : public bus::DescribedKeySink {
 
   explicit ReplyDecoder(const protocol::Member& member) : member_(&member) {}
 
-  void take(const protocol::Field& field, const char* text) override {
+  [[gnu::hot]] void take(const protocol::Field& field, const char* text) override {
     at(field, [text](auto& out) {
       if constexpr (std::is_same_v<std::decay_t<decltype(out)>, std::optional<std::string>>) {
         out.emplace(text);
@@ -124,7 +124,7 @@ class ReplyDecoder final : public bus::DescribedKeySink {
     });
   }
 
-  void take(const protocol::Field& field, const VelaValue& value) override {
+  [[gnu::hot]] void take(const protocol::Field& field, const VelaValue& value) override {
     if (&field == &protocol::kDaemonErrorField) {
       decoded_.error = protocol::decodeDaemonError(value);
       refused_.back() = !decoded_.error;
@@ -145,7 +145,7 @@ class ReplyDecoder final : public bus::DescribedKeySink {
 
   // The reply's error and values, or nullopt when a key refused: never half
   // a reply.
-  std::optional<Reply> result() && {
+  [[gnu::hot]] std::optional<Reply> result() && {
     for (const bool refused : refused_) {
       if (refused) return std::nullopt;
     }

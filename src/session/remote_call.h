@@ -83,8 +83,8 @@ class Completer {
 // velaLastOperationResult. No answer in time, a connection failure and an
 // undecodable reply all end as 106 "timed out".
 template <typename Call, typename... Args>
-typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_view label, const Call& call,
-                                       Args&&... args) {
+[[gnu::hot]] typename Call::Reply callSynchronously(VelaNotifySession& session, std::string_view label,
+                                                    const Call& call, Args&&... args) {
   (void)label;  // names the operation for whoever reads the code; no effect
   setLastOperationResult(0);
   const auto deadline = std::chrono::steady_clock::now() + kReplyTimeLimit;

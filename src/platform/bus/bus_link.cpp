@@ -63,14 +63,15 @@ std::array<protocol::Fields, 2> replyKeys(const protocol::Member& member) {
 
 // Why a reply is a failure before any of its keys is read: an error reply,
 // or one that is not a dictionary.
-std::optional<VelaError> refusedReply(sd_bus_message* reply) {
+[[gnu::hot]] std::optional<VelaError> refusedReply(sd_bus_message* reply) {
   if (sd_bus_message_is_method_error(reply, nullptr) != 0) return errorReplyFailure(reply);
   if (sd_bus_message_has_signature(reply, "a{sv}") <= 0) return undecodableReplyFailure("reply is not a{sv}");
   return std::nullopt;
 }
 
 // A synchronous caller's reply, read where it arrived into `sink`.
-NamedConnection::CallOutcome readReply(sd_bus_message* reply, const protocol::Member& member, DescribedKeySink& sink) {
+[[gnu::hot]] NamedConnection::CallOutcome readReply(sd_bus_message* reply, const protocol::Member& member,
+                                                    DescribedKeySink& sink) {
   if (std::optional<VelaError> refused = refusedReply(reply)) return {false, std::move(refused)};
   std::string whyNot;
   if (!readDescribedKeys(reply, replyKeys(member), sink, &whyNot)) return {false, undecodableReplyFailure(whyNot)};
@@ -121,7 +122,7 @@ void Link::open() {
   }
 }
 
-Link::Started Link::start(Request& request) {
+[[gnu::hot]] Link::Started Link::start(Request& request) {
   core_.busMutex.assertHeld();
   if (invalidated_) {
     fail(request, connectionError(ENOTCONN, "connection invalidated"));
@@ -174,7 +175,7 @@ void Link::fail(Request& request, const VelaError& error) {
   }
 }
 
-bool Link::readable() {
+[[gnu::hot]] bool Link::readable() {
   core_.busMutex.assertHeld();
   if (usable()) return true;
   // sd-bus gives up by itself on a connection whose peer went away during
@@ -185,7 +186,7 @@ bool Link::readable() {
   return false;
 }
 
-int Link::dispatchNext() {
+[[gnu::hot]] int Link::dispatchNext() {
   sd_bus_message* unclaimed = nullptr;
   const int r = sd_bus_process(bus_, &unclaimed);
   // 0: sd-bus had nothing left to do, so nothing read waits in it.
@@ -203,7 +204,7 @@ bool Link::lost() {
   return false;
 }
 
-bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
+[[gnu::hot]] bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
   if (bus_ == nullptr) return false;
   fd = sd_bus_get_fd(bus_);
   events = sd_bus_get_events(bus_);
@@ -213,11 +214,11 @@ bool Link::pollSpec(int& fd, int& events, std::uint64_t& timeoutUsec) const {
   return fd >= 0 && events >= 0 && (events != 0 || usable()) && sd_bus_get_timeout(bus_, &timeoutUsec) >= 0;
 }
 
-bool Link::awaitsBackground() const {
+[[gnu::hot]] bool Link::awaitsBackground() const {
   return (pendingInBackground_ > 0 || owners_.listening() || owners_.awaitingBus()) && usable();
 }
 
-bool Link::hasUndispatched() {
+[[gnu::hot]] bool Link::hasUndispatched() {
   if (!mayHoldUndispatched_) return false;
   // A time-out of zero means that messages wait, or that the bus is
   // closing; only whether it is open tells the two apart, so that is asked
@@ -233,7 +234,7 @@ int Link::onTimedReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*er
   return 1;
 }
 
-void Link::takeUnclaimed(sd_bus_message* message) {
+[[gnu::hot]] void Link::takeUnclaimed(sd_bus_message* message) {
   std::uint64_t cookie = 0;
   if (sd_bus_message_get_reply_cookie(message, &cookie) >= 0) {
     takeReply(message, cookie);
@@ -251,7 +252,7 @@ void Link::takeUnclaimed(sd_bus_message* message) {
   }
 }
 
-void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
+[[gnu::hot]] void Link::takeReply(sd_bus_message* message, std::uint64_t cookie) {
   const auto found = std::find_if(pending_.begin(), pending_.end(),
                                   [cookie](const PendingCall& call) { return call.cookie == cookie; });
   if (found == pending_.end()) {
@@ -293,7 +294,7 @@ void Link::conclude(PendingCall& call, const VelaError& failure) {
   }
 }
 
-void Link::wakeIfSettled(PendingCall& call, bool settled) {
+[[gnu::hot]] void Link::wakeIfSettled(PendingCall& call, bool settled) {
   if (settled) answered_.push_back(std::move(call.waiter));
 }
 

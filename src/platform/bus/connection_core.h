@@ -313,8 +313,13 @@ class Link;
 
 // The connection whose loop runs on this thread, if any: exit() called from
 // one of its handlers must not wait for that very loop, and a synchronous
-// call made there must fail at once rather than wait for itself.
-extern thread_local const NamedConnection::Core* loopOfThisThread;  // NOLINT(*-avoid-non-const-global-variables)
+// call made there must fail at once rather than wait for itself. Every
+// synchronous call asks; initial-exec, the cheapest model a library loaded
+// with its program can use, makes that one read rather than a call into
+// the dynamic loader.
+extern constinit thread_local const NamedConnection::Core*
+    loopOfThisThread  // NOLINT(*-avoid-non-const-global-variables)
+    [[gnu::tls_model("initial-exec")]];
 
 // Milliseconds for poll() or epoll_wait() until the earlier of an sd-bus
 // time-out (absolute CLOCK_MONOTONIC microseconds; UINT64_MAX or nullopt for

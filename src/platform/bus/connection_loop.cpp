@@ -20,16 +20,17 @@
 
 namespace vela::bus::detail {
 
-thread_local const NamedConnection::Core* loopOfThisThread = nullptr;  // NOLINT(*-avoid-non-const-global-variables)
+constinit thread_local const NamedConnection::Core* loopOfThisThread  // NOLINT(*-avoid-non-const-global-variables)
+    [[gnu::tls_model("initial-exec")]] = nullptr;
 
-Wakes& Wakes::ofThisThread() {
-  thread_local Wakes wakes;
+[[gnu::hot]] Wakes& Wakes::ofThisThread() {
+  thread_local Wakes wakes [[gnu::tls_model("initial-exec")]];
   return wakes;
 }
 
-int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
-                   std::optional<std::chrono::steady_clock::time_point> deadline,
-                   std::chrono::steady_clock::time_point now) {
+[[gnu::hot]] int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
+                                std::optional<std::chrono::steady_clock::time_point> deadline,
+                                std::chrono::steady_clock::time_point now) {
   using std::chrono::microseconds;
   std::optional<std::int64_t> usec;
   if (busTimeoutUsec && *busTimeoutUsec != UINT64_MAX) {

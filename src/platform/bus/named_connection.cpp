@@ -167,7 +167,7 @@ bool NamedConnection::hasLoop() const noexcept {
   return belongsToThisProcess() && core_->wakeFd >= 0 && core_->readerWakeFd >= 0 && core_->epollFd >= 0;
 }
 
-bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
+[[gnu::hot]] bool NamedConnection::usable() const noexcept { return belongsToThisProcess() && !core_->defunct; }
 
 void NamedConnection::enqueue(detail::Request request) {
   core_->post([&] { core_->requests.push_back(std::move(request)); });
@@ -184,10 +184,10 @@ void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary 
                           std::move(reconnect), deadline});
 }
 
-NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
-                                                   DescribedKeySink& sink,
-                                                   const std::shared_ptr<const Reconnect>& reconnect,
-                                                   std::chrono::steady_clock::time_point deadline) {
+[[gnu::hot]] NamedConnection::CallOutcome NamedConnection::call(const protocol::Member& member, VelaDictionary args,
+                                                                DescribedKeySink& sink,
+                                                                const std::shared_ptr<const Reconnect>& reconnect,
+                                                                std::chrono::steady_clock::time_point deadline) {
   if (!hasLoop()) return CallOutcome{false, detail::connectionError(ENOTCONN, "connection unusable in this process")};
   if (core_->onLoopThread()) {
     return CallOutcome{false, detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};

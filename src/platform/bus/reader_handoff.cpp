@@ -19,15 +19,15 @@ using Core = NamedConnection::Core;
 using CallOutcome = NamedConnection::CallOutcome;
 
 // The caller gives up: whatever came in time is still its answer.
-CallOutcome finish(Core& core, Waiter& waiter) {
+[[gnu::hot]] CallOutcome finish(Core& core, Waiter& waiter) {
   if (waiter.abandon()) core.abandonedCalls.fetch_add(1, std::memory_order_relaxed);
   return waiter.takeOutcome();
 }
 
 // Reads the bus, holding the reader role and `busLock`, until `waiter` is
 // answered or `deadline` passes.
-CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
-                              std::unique_lock<SpinningMutex>& busLock, bool justSent) {
+[[gnu::hot]] CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
+                                           std::unique_lock<SpinningMutex>& busLock, bool justSent) {
   // A request sent a moment ago cannot have been answered yet: unless
   // something already read waits to be dispatched, the first read would
   // find nothing, so the caller sleeps on the bus first.
@@ -102,13 +102,13 @@ void disarmLoop(Core& core) {
   if (epoll_ctl(core.epollFd, EPOLL_CTL_MOD, core.armedBusFd, &event) == 0) core.armedEvents = 0;
 }
 
-void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes, const Waiter* awake) {
+[[gnu::hot]] void unlockBus(Link* link, std::unique_lock<SpinningMutex>& busLock, Wakes& wakes, const Waiter* awake) {
   if (link != nullptr) link->takeAnswered(wakes);
   busLock.unlock();
   wakes.run(awake);
 }
 
-void releaseReader(Core& core, Link* link, Wakes& wakes) {
+[[gnu::hot]] void releaseReader(Core& core, Link* link, Wakes& wakes) {
   bool wakeLoop = false;
   {
     std::lock_guard lock(core.mutex);
@@ -135,7 +135,7 @@ void releaseReader(Core& core, Link* link, Wakes& wakes) {
   if (wakeLoop) core.wake();
 }
 
-CallerRole claimRole(Core& core, const std::shared_ptr<Waiter>& waiter) {
+[[gnu::hot]] CallerRole claimRole(Core& core, const std::shared_ptr<Waiter>& waiter) {
   std::lock_guard lock(core.mutex);
   if (core.hasQueuedWork()) return CallerRole::kBehindQueue;
   if (core.reader == Reader::kNone) {
@@ -147,8 +147,8 @@ CallerRole claimRole(Core& core, const std::shared_ptr<Waiter>& waiter) {
   return CallerRole::kFollower;
 }
 
-CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, CallerRole role, Clock::time_point deadline,
-                        std::unique_lock<SpinningMutex>& busLock) {
+[[gnu::hot]] CallOutcome awaitAnswer(Core& core, const std::shared_ptr<Waiter>& waiter, CallerRole role,
+                                     Clock::time_point deadline, std::unique_lock<SpinningMutex>& busLock) {
   if (role == CallerRole::kReader) return readUntilAnswered(core, *waiter, deadline, busLock, true);
   busLock.unlock();
   return awaitAsFollower(core, waiter, deadline);

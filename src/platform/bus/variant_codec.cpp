@@ -45,7 +45,7 @@ const char* variantSignature(const VelaValue& value) {
 }
 
 // The field that describes `key`, in the first set that has it.
-const protocol::Field* describedField(FieldSets described, std::string_view key) {
+[[gnu::hot]] const protocol::Field* describedField(FieldSets described, std::string_view key) {
   for (const protocol::Fields fields : described) {
     if (const protocol::Field* field = protocol::findField(fields, key)) return field;
   }
@@ -459,7 +459,7 @@ int appendDescribedVariant(sd_bus_message* m, const VelaValue& value, const prot
 
 }  // namespace
 
-int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described) {
+[[gnu::hot]] int appendDictionary(sd_bus_message* message, const VelaDictionary& dict, FieldSets described) {
   int r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
   for (const auto& [key, value] : dict) {
     if (r < 0) return r;
@@ -486,7 +486,8 @@ std::optional<VelaDictionary> readDescribedKeys(sd_bus_message* message, FieldSe
   return dict;
 }
 
-bool readDescribedKeys(sd_bus_message* message, FieldSets described, DescribedKeySink& sink, std::string* whyNot) {
+[[gnu::hot]] bool readDescribedKeys(sd_bus_message* message, FieldSets described, DescribedKeySink& sink,
+                                    std::string* whyNot) {
   Reader reader(message);
   const bool read = reader.describedKeys(described, sink);
   if (!read && whyNot != nullptr) *whyNot = reader.reason;
