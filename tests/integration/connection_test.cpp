@@ -135,8 +135,12 @@ TEST_F(AConnectionToVelad, TimesOutAtTheReplyTimeLimitWhenTheDaemonNeverAnswers)
 }
 
 TEST_F(AConnectionToVelad, DropsAReplyThatArrivesAfterTheTimeLimit) {
-  // The late reply lands while a second call is in flight; the slots it would
-  // have filled belong to a call that is over.
+  // The late reply lands while a second call of the same thread is in
+  // flight; the answer it would have filled belongs to a call that is over,
+  // and must not become the second call's.
+  const auto expected = session_->kithDeviceId();
+  ASSERT_TRUE(expected);
+  ASSERT_NE(session_->locusDeviceId(), expected);
   ASSERT_TRUE(control_->setBehavior(member::kGetLocusDeviceId.name,
                                     VeladControl::Behavior{.mode = "delay", .delay = kReplyTimeLimit + 500ms}));
   ASSERT_TRUE(
@@ -145,7 +149,7 @@ TEST_F(AConnectionToVelad, DropsAReplyThatArrivesAfterTheTimeLimit) {
   EXPECT_FALSE(session_->locusDeviceId());
   EXPECT_EQ(lastResult(), VelaErrorCodeTimedOut);
   // velad answers in time order, so the late reply reaches us before this one.
-  EXPECT_TRUE(session_->kithDeviceId());
+  EXPECT_EQ(session_->kithDeviceId(), expected);
   EXPECT_EQ(lastResult(), 0);
 }
 

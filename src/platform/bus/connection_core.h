@@ -80,7 +80,13 @@ class Waiter {
 
   // `sink` takes the reply's keys: the caller's, alive until it has the
   // outcome.
-  explicit Waiter(DescribedKeySink& sink) : sink_(sink) {}
+  explicit Waiter(DescribedKeySink& sink) : sink_(&sink) {}
+
+  // A waiter for a call of this thread's: the one of its last call, made
+  // ready again, when nobody else still holds that one (as the connection
+  // does when its caller gave up before the answer came); else a new one.
+  // Saves each call an allocation and a condition variable's set-up.
+  static std::shared_ptr<Waiter> forCallOfThisThread(DescribedKeySink& sink);
 
   // Leaves the answer; false when the caller has already given up, in which
   // case the answer goes nowhere. The wake-up is the caller's alone.
@@ -108,7 +114,7 @@ class Waiter {
   bool settleBy(const Read& read) {
     std::lock_guard lock(mutex_);
     if (state_ != State::kWaiting) return false;
-    outcome_ = read(sink_);
+    outcome_ = read(*sink_);
     state_.store(State::kAnswered, std::memory_order_release);
     return true;
   }
@@ -163,7 +169,19 @@ class Waiter {
  private:
   enum class State { kWaiting, kAnswered, kAbandoned };
 
-  DescribedKeySink& sink_;
+  // Made ready for another call, under mutex_ and once nobody else holds
+  // this waiter. Everything another holder touched it through is mutex_,
+  // state_ or the condition variable, so its last touch cannot race with
+  // that, whether or not the holder's release has been seen to complete.
+  void reuseFor(DescribedKeySink& sink) {
+    std::lock_guard lock(mutex_);
+    sink_ = &sink;
+    state_ = State::kWaiting;
+    givenBus_ = false;
+    outcome_ = {};
+  }
+
+  DescribedKeySink* sink_;  // guarded by mutex_
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   // Changed under mutex_; atomic so that it can be asked without it.

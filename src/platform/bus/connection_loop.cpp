@@ -28,6 +28,16 @@ constinit thread_local const NamedConnection::Core* loopOfThisThread  // NOLINT(
   return wakes;
 }
 
+[[gnu::hot]] std::shared_ptr<Waiter> Waiter::forCallOfThisThread(DescribedKeySink& sink) {
+  thread_local std::shared_ptr<Waiter> last [[gnu::tls_model("initial-exec")]];
+  if (last && last.use_count() == 1) {
+    last->reuseFor(sink);
+  } else {
+    last = std::make_shared<Waiter>(sink);
+  }
+  return last;
+}
+
 [[gnu::hot]] int sleepTimeoutMs(std::optional<std::uint64_t> busTimeoutUsec,
                                 std::optional<std::chrono::steady_clock::time_point> deadline,
                                 std::chrono::steady_clock::time_point now) {

@@ -192,7 +192,7 @@ void NamedConnection::callMethod(const protocol::Member& member, VelaDictionary 
   if (core_->onLoopThread()) {
     return CallOutcome{false, detail::connectionError(EDEADLK, "a synchronous call on the connection's own thread")};
   }
-  auto waiter = std::make_shared<detail::Waiter>(sink);
+  std::shared_ptr<detail::Waiter> waiter = detail::Waiter::forCallOfThisThread(sink);
   detail::Request request{&member, std::move(args), waiter, nullptr, nullptr, nullptr, std::nullopt};
   std::unique_lock busLock(core_->busMutex, std::defer_lock);
   if (!busLock.try_lock_until(deadline)) return {};
