@@ -740,7 +740,7 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     }
   };
 
-  static const char* verdict(bool withinTarget) { return withinTarget ? "[ok]" : "[OVER TARGET]"; }
+  static const char* verdict(bool withinTarget) { return withinTarget ? "[ok]" : "[OFF TARGET]"; }
 
   const Result* find(const std::string& function, std::int64_t threads) const {
     const auto found = results_.find({function, threads});

@@ -363,7 +363,7 @@ BENCHMARK(BM_OneCallProcesses)->Iterations(1)->UseManualTime()->Unit(benchmark::
 
 // ---- Reporting ---------------------------------------------------------------
 
-const char* verdict(bool withinTarget) { return withinTarget ? "[ok]" : "[OVER TARGET]"; }
+const char* verdict(bool withinTarget) { return withinTarget ? "[ok]" : "[OFF TARGET]"; }
 
 void printTimes(const char* title, const Spreads& spreads) {
   std::printf("  %s\n", title);
