@@ -14,6 +14,7 @@
 #include "protocol/locus_state.h"
 #include "protocol/members.h"
 #include "protocol/names.h"
+#include "protocol/typed_reader.h"
 #include "request_limits.h"
 #include "service_preferences.h"
 
@@ -37,7 +38,7 @@ Answer failure(VelaDaemonErrorCode code, std::string failureReason) {
 }
 
 Answer missing(std::string_view key) {
-  return failure(VelaDaemonErrorCodeMissingValue, "\"" + std::string(key) + "\" is nil");
+  return failure(VelaDaemonErrorCodeMissingValue, protocol::refusedKey(key, "is nil"));
 }
 
 // The change was not made: it could not be saved, and velad acknowledges

@@ -125,7 +125,8 @@ bool logs(LogLevel level) { return level <= LogLevel::kNotice || verbose(); }
 
 void log(LogLevel level, std::string_view text) {
   if (!logs(level)) return;
-  std::string line = "<" + std::to_string(static_cast<int>(level)) + ">";
+  std::string line = "<";
+  line.append(std::to_string(static_cast<int>(level))).append(">");
   appendSafe(line, text, false);
   static constexpr std::string_view kCut = " [cut]";
   // Room for the line break.

@@ -9,6 +9,7 @@
 #include "log.h"
 #include "platform/bus/bus_names.h"
 #include "protocol/names.h"
+#include "protocol/typed_reader.h"
 
 namespace vela::daemon {
 namespace {
@@ -42,7 +43,7 @@ class Fields {
     const auto found = args_.find(key);
     if (found == args_.end()) return nullptr;
     const T* value = found->second.getIf<T>();
-    if (value == nullptr && !problem) problem = "\"" + std::string(key) + "\" must be " + expected;
+    if (value == nullptr && !problem) problem = protocol::refusedKey(key, std::string("must be ") + expected);
     return value;
   }
 

@@ -39,8 +39,16 @@ const VelaDictionary* TypedReader::dictionary(std::string_view key) {
   return nullptr;
 }
 
+std::string refusedKey(std::string_view key, std::string_view why) {
+  // Appended piece by piece: GCC 12 warns falsely about `"..." + std::string`
+  // in an optimised build.
+  std::string text = "\"";
+  text.append(key).append("\" ").append(why);
+  return text;
+}
+
 void TypedReader::refuse(std::string_view key, const std::string& expected) {
-  if (!problem_) problem_ = "\"" + std::string(key) + "\" must be " + expected;
+  if (!problem_) problem_ = refusedKey(key, "must be " + expected);
 }
 
 }  // namespace vela::protocol

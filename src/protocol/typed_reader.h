@@ -13,6 +13,10 @@
 
 namespace vela::protocol {
 
+// How a message's text names a key it refuses: `key` in double quotes,
+// then `why`, as in "\"token\" must be a string".
+std::string refusedKey(std::string_view key, std::string_view why);
+
 // Typed reads of a dictionary's keys, for requests and replies alike. An
 // absent key is nil; a present key of the wrong type (or a record of the
 // wrong class) spoils the whole dictionary: problem() then says which key,
