@@ -9,11 +9,12 @@
 #include <systemd/sd-bus.h>
 
 #include "log.h"
+#include "platform/bus/bus_names.h"
 
 namespace vela::daemon {
 namespace {
 
-constexpr OutgoingCall kGetCredentials{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+constexpr OutgoingCall kGetCredentials{bus::kBusDriverName, bus::kBusDriverPath, bus::kBusDriverName,
                                        "GetConnectionCredentials"};
 constexpr OutgoingCall kCheckAuthorization{"org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
                                            "org.freedesktop.PolicyKit1.Authority", "CheckAuthorization"};

@@ -17,6 +17,7 @@
 
 #include "introspection_document.h"
 #include "platform/bus/bus_handles.h"
+#include "platform/bus/bus_names.h"
 #include "platform/bus/variant_codec.h"
 #include "protocol/names.h"
 
@@ -423,15 +424,15 @@ int HostCallbacks::replyArrived(sd_bus_message* reply, void* userdata, sd_bus_er
 
 int ServiceHost::watchDepartures(std::function<void(const std::string& uniqueName)> left) {
   departed_ = std::move(left);
-  return sd_bus_match_signal_async(bus_, &departures_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                   "org.freedesktop.DBus", "NameOwnerChanged", &HostCallbacks::nameOwnerChanged,
+  return sd_bus_match_signal_async(bus_, &departures_, bus::kBusDriverName.data(), bus::kBusDriverPath.data(),
+                                   bus::kBusDriverName.data(), "NameOwnerChanged", &HostCallbacks::nameOwnerChanged,
                                    nullptr, this);
 }
 
 int HostCallbacks::nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
   // Only the bus itself may announce a departure.
   const char* sender = sd_bus_message_get_sender(signal);
-  if (sender == nullptr || std::string_view(sender) != "org.freedesktop.DBus") return 0;
+  if (sender == nullptr || std::string_view(sender) != bus::kBusDriverName) return 0;
   const char* name = nullptr;
   const char* oldOwner = nullptr;
   const char* newOwner = nullptr;
@@ -448,8 +449,9 @@ int HostCallbacks::nameOwnerChanged(sd_bus_message* signal, void* userdata, sd_b
 std::optional<bool> ServiceHost::nameHasOwner(std::string_view name) {
   sd_bus_message* raw = nullptr;
   sd_bus_error error{};  // SD_BUS_ERROR_NULL, which C++ cannot spell
-  const int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                   "NameHasOwner", &error, &raw, "s", std::string(name).c_str());
+  const int r =
+      sd_bus_call_method(bus_, bus::kBusDriverName.data(), bus::kBusDriverPath.data(), bus::kBusDriverName.data(),
+                         "NameHasOwner", &error, &raw, "s", std::string(name).c_str());
   sd_bus_error_free(&error);
   const MessagePtr reply(raw);
   int owned = 0;

@@ -44,10 +44,7 @@ struct Notification {
   Clock::time_point arrived;
 
   bool has(std::string_view assignment) const {
-    for (const std::string& line : assignments) {
-      if (line == assignment) return true;
-    }
-    return false;
+    return std::ranges::any_of(assignments, [assignment](const std::string& line) { return line == assignment; });
   }
 };
 
@@ -55,8 +52,8 @@ struct Notification {
 // named by $NOTIFY_SOCKET while it lives.
 class NotifySocket {
  public:
-  explicit NotifySocket(const std::string& directory) : path_(directory + "/notify") {
-    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  explicit NotifySocket(const std::string& directory)
+      : path_(directory + "/notify"), fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "socket");
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -112,7 +109,7 @@ class NotifySocket {
   }
 
  private:
-  Notification receive() {
+  Notification receive() const {
     std::array<char, 4096> buffer{};
     std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
     iovec data{.iov_base = buffer.data(), .iov_len = buffer.size()};

@@ -12,6 +12,7 @@ inline constexpr unsigned kPrivilegedOption = 0x1000;
 enum class BusKind { kSystem, kSession };
 
 // The message bus itself: its name (also its interface's) and its object.
+// Views of literals, so their data() ends in a NUL, as sd-bus wants.
 inline constexpr std::string_view kBusDriverName = "org.freedesktop.DBus";
 inline constexpr std::string_view kBusDriverPath = "/org/freedesktop/DBus";
 
