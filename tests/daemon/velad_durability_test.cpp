@@ -43,7 +43,10 @@ std::multiset<std::string> query(const std::string& sql) {
         db, sql.c_str(),
         [](void* out, int columns, char** values, char** /*names*/) {
           std::string row;
-          for (int i = 0; i < columns; ++i) row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+          for (int i = 0; i < columns; ++i) {
+            if (i > 0) row += '|';
+            row += values[i] != nullptr ? values[i] : "NULL";
+          }
           static_cast<std::multiset<std::string>*>(out)->insert(row);
           return 0;
         },
