@@ -332,9 +332,9 @@ class Link;
 // The connection whose loop runs on this thread, if any: exit() called from
 // one of its handlers must not wait for that very loop, and a synchronous
 // call made there must fail at once rather than wait for itself. Every
-// synchronous call asks; initial-exec, the cheapest model a library loaded
-// with its program can use, makes that one read rather than a call into
-// the dynamic loader.
+// synchronous call asks; initial-exec makes that one read rather than a call
+// into the dynamic loader. The few bytes come out of the static TLS glibc
+// keeps spare, so the library can still be loaded with dlopen().
 extern constinit thread_local const NamedConnection::Core*
     loopOfThisThread  // NOLINT(*-avoid-non-const-global-variables)
     [[gnu::tls_model("initial-exec")]];
