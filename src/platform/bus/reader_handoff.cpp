@@ -24,6 +24,15 @@ using CallOutcome = NamedConnection::CallOutcome;
   return waiter.takeOutcome();
 }
 
+// Another thread holds the bus past the caller's deadline: the caller leaves
+// the reading to others without waiting for it.
+CallOutcome giveUpReading(Core& core, Waiter& waiter) {
+  Wakes& wakes = Wakes::ofThisThread();
+  releaseReader(core, nullptr, wakes);
+  wakes.run();
+  return finish(core, waiter);
+}
+
 // Reads the bus, holding the reader role and `busLock`, until `waiter` is
 // answered or `deadline` passes.
 [[gnu::hot]] CallOutcome readUntilAnswered(Core& core, Waiter& waiter, Clock::time_point deadline,
@@ -56,13 +65,7 @@ using CallOutcome = NamedConnection::CallOutcome;
     unlockBus(link, busLock, wakes);
     (void)::poll(fds.data(), fds.size(), timeout);
     if ((fds[1].revents & POLLIN) != 0) Core::consumeFd(core.readerWakeFd);
-    if (!busLock.try_lock_until(deadline)) {
-      // Another thread holds the bus past this caller's deadline: leave
-      // the reading to others without waiting for it.
-      releaseReader(core, nullptr, wakes);
-      wakes.run();
-      return finish(core, waiter);
-    }
+    if (!busLock.try_lock_until(deadline)) return giveUpReading(core, waiter);
   }
   releaseReader(core, core.link, wakes);
   unlockBus(core.link, busLock, wakes, &waiter);
@@ -176,12 +179,7 @@ CallOutcome awaitAsFollower(Core& core, const std::shared_ptr<Waiter>& waiter, C
       break;
   }
   std::unique_lock busLock(core.busMutex, std::defer_lock);
-  if (!busLock.try_lock_until(deadline)) {
-    Wakes& wakes = Wakes::ofThisThread();
-    releaseReader(core, nullptr, wakes);
-    wakes.run();
-    return finish(core, *waiter);
-  }
+  if (!busLock.try_lock_until(deadline)) return giveUpReading(core, *waiter);
   return readUntilAnswered(core, *waiter, deadline, busLock, false);
 }
 
