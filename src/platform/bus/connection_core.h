@@ -31,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/bus/doorbell.h"
 #include "platform/bus/named_connection.h"
 #include "protocol/schema.h"
 
@@ -85,7 +86,7 @@ class Waiter {
   // A waiter for a call of this thread's: the one of its last call, made
   // ready again, when nobody else still holds that one (as the connection
   // does when its caller gave up before the answer came); else a new one.
-  // Saves each call an allocation and a condition variable's set-up.
+  // Saves each call an allocation.
   static std::shared_ptr<Waiter> forCallOfThisThread(DescribedKeySink& sink);
 
   // Leaves the answer; false when the caller has already given up, in which
@@ -119,7 +120,7 @@ class Waiter {
     return true;
   }
 
-  void wake() { changed_.notify_one(); }
+  void wake() { bell_.ring(); }
 
   // Hands this caller the bus to read, to be woken by wake(); false when it
   // has given up (the bus must go to someone else).
@@ -135,14 +136,22 @@ class Waiter {
   // Sleeps until answered, handed the bus, or `deadline`. At the deadline
   // the caller gives up for good, unless the answer came first.
   Woken sleepUntil(std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_until(lock, deadline, [this] { return state_ == State::kAnswered || givenBus_; });
-    // The bus first: one handed over must be passed on even if the answer
-    // came too (when the bus closed).
-    if (std::exchange(givenBus_, false)) return Woken::kGivenBus;
-    if (state_ == State::kAnswered) return Woken::kAnswered;
-    state_ = State::kAbandoned;
-    return Woken::kDeadline;
+    for (;;) {
+      std::uint32_t ticket = 0;
+      {
+        std::lock_guard lock(mutex_);
+        // The bus first: one handed over must be passed on even if the
+        // answer came too (when the bus closed).
+        if (std::exchange(givenBus_, false)) return Woken::kGivenBus;
+        if (state_ == State::kAnswered) return Woken::kAnswered;
+        if (std::chrono::steady_clock::now() >= deadline) {
+          state_ = State::kAbandoned;
+          return Woken::kDeadline;
+        }
+        ticket = bell_.ticket();
+      }
+      bell_.sleep(ticket, deadline);
+    }
   }
 
   // Asked after every message a reader dispatches, so without the lock.
@@ -171,8 +180,9 @@ class Waiter {
 
   // Made ready for another call, under mutex_ and once nobody else holds
   // this waiter. Everything another holder touched it through is mutex_,
-  // state_ or the condition variable, so its last touch cannot race with
-  // that, whether or not the holder's release has been seen to complete.
+  // state_ or the doorbell (a ring that comes late only ends a sleep early),
+  // so its last touch cannot race with that, whether or not the holder's
+  // release has been seen to complete.
   void reuseFor(DescribedKeySink& sink) {
     std::lock_guard lock(mutex_);
     sink_ = &sink;
@@ -183,7 +193,7 @@ class Waiter {
 
   DescribedKeySink* sink_;  // guarded by mutex_
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
+  Doorbell bell_;
   // Changed under mutex_; atomic so that it can be asked without it.
   std::atomic<State> state_{State::kWaiting};
   bool givenBus_ = false;  // guarded by mutex_
