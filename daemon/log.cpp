@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-
 #include <climits>
 
 namespace vela::daemon {

@@ -44,7 +44,7 @@ struct Notification {
   Clock::time_point arrived;
 
   bool has(std::string_view assignment) const {
-    return std::ranges::any_of(assignments, [assignment](const std::string& line) { return line == assignment; });
+    return std::ranges::find(assignments, assignment) != assignments.end();
   }
 };
 

@@ -5,9 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <ctime>
-
 #include <climits>
+#include <ctime>
 
 namespace vela::bus::detail {
 namespace {
