@@ -48,8 +48,11 @@
 #include "platform/bus/bus_names.h"
 #include "private_bus.h"
 #include "protocol/names.h"
+#include "sample_stats.h"
 
 namespace {
+
+using vela::bench::median;
 
 using Clock = std::chrono::steady_clock;
 
@@ -75,13 +78,6 @@ long voluntarySwitches() {
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 double millis(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
-
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t mid = values.size() / 2;
-  return values.size() % 2 != 0 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
-}
 
 // ---- Resident memory ---------------------------------------------------------
 
@@ -458,6 +454,9 @@ void BM_AlternatingThroughput(benchmark::State& state) {
   const double seconds = std::chrono::duration<double>(kRound).count() * static_cast<double>(ratios.size());
   state.counters["vela_per_s"] = seconds > 0 ? libraryCalls / seconds : 0;
   state.counters["bare_per_s"] = seconds > 0 ? bareCalls / seconds : 0;
+  const vela::bench::MiddleHalf middle = vela::bench::middleHalf(ratios);
+  state.counters["ratio_q1"] = middle.low;
+  state.counters["ratio_q3"] = middle.high;
   state.counters["ratio"] = median(std::move(ratios));
   state.counters["vela_cpu_us"] = libraryCalls > 0 ? libraryCpu / libraryCalls : 0;
   state.counters["bare_cpu_us"] = bareCalls > 0 ? bareCpu / bareCalls : 0;
@@ -683,11 +682,11 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     }
     if (const Result* r = find("BM_AlternatingThroughput", 1)) {
       std::printf(
-          "  8 threads, rounds   %.0f/s vs bare %.0f/s: %.3fx (target >= 0.90x) %s; client CPU per call %.1f us vs "
-          "%.1f us, sleeps per call %.2f vs %.2f\n",
+          "  8 threads, rounds   %.0f/s vs bare %.0f/s: %.3fx (target >= 0.90x) %s, middle half of the rounds "
+          "%.3f-%.3f; client CPU per call %.1f us vs %.1f us, sleeps per call %.2f vs %.2f\n",
           r->counter("vela_per_s"), r->counter("bare_per_s"), r->counter("ratio"), verdict(r->counter("ratio") >= 0.90),
-          r->counter("vela_cpu_us"), r->counter("bare_cpu_us"), r->counter("vela_switches"),
-          r->counter("bare_switches"));
+          r->counter("ratio_q1"), r->counter("ratio_q3"), r->counter("vela_cpu_us"), r->counter("bare_cpu_us"),
+          r->counter("vela_switches"), r->counter("bare_switches"));
     }
     const Result* vela8 = find("BM_VelaSyncCall", 8);
     const Result* bare8 = find("BM_BareSdBusCall", 8);

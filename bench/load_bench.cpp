@@ -55,9 +55,12 @@
 #include "bare_call.h"
 #include "bench_bus.h"
 #include "private_bus.h"
+#include "sample_stats.h"
 #include "unique_fd.h"
 
 namespace {
+
+using vela::bench::median;
 
 using Clock = std::chrono::steady_clock;
 using vela::testing::ExitStatus;
@@ -537,13 +540,6 @@ constexpr std::array<MetricInfo, kMetricCount> kMetrics{{
     {"switches", "voluntary switches per call", "", 2, 1.1, false, 100},
 }};
 
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t mid = values.size() / 2;
-  return values.size() % 2 != 0 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
-}
-
 // Nearest rank, in microseconds; reorders `latencies`.
 double percentileMicros(std::vector<Latency>& latencies, double fraction) {
   const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(latencies.size())));
@@ -602,7 +598,9 @@ Stats runRound(const Configuration& config, Kind kind) {
 struct Comparison {
   Stats library{};  // medians over the rounds
   Stats bare{};
-  Stats ratio{};  // medians of library / bare over the pairs of neighbouring rounds
+  Stats ratio{};    // medians of library / bare over the pairs of neighbouring rounds
+  Stats ratioQ1{};  // and the quartiles of those pairs' ratios
+  Stats ratioQ3{};
 };
 
 Comparison compare(const Configuration& config) {
@@ -625,6 +623,9 @@ Comparison compare(const Configuration& config) {
   for (std::size_t m = 0; m < kMetricCount; ++m) {
     comparison.library[m] = median(std::move(library[m]));
     comparison.bare[m] = median(std::move(bare[m]));
+    const vela::bench::MiddleHalf middle = vela::bench::middleHalf(ratios[m]);
+    comparison.ratioQ1[m] = middle.low;
+    comparison.ratioQ3[m] = middle.high;
     comparison.ratio[m] = median(std::move(ratios[m]));
   }
   return comparison;
@@ -645,6 +646,8 @@ void runConfiguration(benchmark::State& state, const Configuration& config, vela
         state.counters["vela_" + name] = comparison.library[m];
         state.counters["bare_" + name] = comparison.bare[m];
         state.counters[name + "_ratio"] = comparison.ratio[m];
+        state.counters[name + "_ratio_q1"] = comparison.ratioQ1[m];
+        state.counters[name + "_ratio_q3"] = comparison.ratioQ3[m];
       }
     } catch (const std::exception& error) {
       state.SkipWithError(error.what());
@@ -672,7 +675,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
   void printSummary(const std::vector<Configuration>& configurations, int rounds) const {
     std::printf(
         "\nSummary: library vs bare, medians over %d round%s of each; ratios are library / bare, the median\n"
-        "of the pairs of neighbouring rounds (targets reported, not enforced)\n",
+        "of the pairs of neighbouring rounds, and in brackets the middle half of those pairs (targets reported,\n"
+        "not enforced)\n",
         rounds, rounds == 1 ? "" : "s");
     for (const Configuration& config : configurations) {
       const auto found = results_.find(config.name());
@@ -715,9 +719,10 @@ class SummaryReporter : public benchmark::ConsoleReporter {
                           met ? "[ok]" : "[OFF TARGET]");
       verdict = text.data();
     }
-    std::printf("    %-28s %12s vs %12s  %.3fx %s\n", metric.label,
+    std::printf("    %-28s %12s vs %12s  %.3fx [%.2f-%.2f] %s\n", metric.label,
                 withUnit(result.counter("vela_" + name), metric).c_str(),
-                withUnit(result.counter("bare_" + name), metric).c_str(), ratio, verdict.c_str());
+                withUnit(result.counter("bare_" + name), metric).c_str(), ratio, result.counter(name + "_ratio_q1"),
+                result.counter(name + "_ratio_q3"), verdict.c_str());
   }
 
   std::map<std::string, Result> results_;

@@ -44,6 +44,7 @@
 
 #include "bench_bus.h"
 #include "private_bus.h"
+#include "sample_stats.h"
 #include "unique_fd.h"
 
 namespace {
@@ -276,14 +277,8 @@ struct Spread {
   double p90 = 0;
 };
 
-Spread spread(std::vector<double> values) {
-  if (values.empty()) return {};
-  std::sort(values.begin(), values.end());
-  const std::size_t mid = values.size() / 2;
-  const double median = values.size() % 2 != 0 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
-  // Nearest rank: the smallest value that at least 90% of the values do not exceed.
-  const auto rank = static_cast<std::size_t>(std::ceil(0.9 * static_cast<double>(values.size())));
-  return {median, values[std::max<std::size_t>(rank, 1) - 1]};
+Spread spread(const std::vector<double>& values) {
+  return {vela::bench::median(values), vela::bench::quantile(values, 0.9)};
 }
 
 // One quantity (wall or CPU time) over all rounds.
