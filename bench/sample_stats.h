@@ -19,12 +19,16 @@ inline double median(std::vector<double> values) {
 }
 
 // Nearest rank: the smallest value that at least `fraction` of the values
-// do not exceed; 0 for no values.
+// do not exceed; 0 for no values. `sorted` is in ascending order.
+inline double quantileOfSorted(const std::vector<double>& sorted, double fraction) {
+  if (sorted.empty()) return 0;
+  const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
+  return sorted[std::clamp<std::size_t>(rank, 1, sorted.size()) - 1];
+}
+
 inline double quantile(std::vector<double> values, double fraction) {
-  if (values.empty()) return 0;
   std::sort(values.begin(), values.end());
-  const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(values.size())));
-  return values[std::clamp<std::size_t>(rank, 1, values.size()) - 1];
+  return quantileOfSorted(values, fraction);
 }
 
 // Where the middle half of the values lie: the first and third quartiles.
@@ -35,8 +39,9 @@ struct MiddleHalf {
   double high = 0;
 };
 
-inline MiddleHalf middleHalf(const std::vector<double>& values) {
-  return {quantile(values, 0.25), quantile(values, 0.75)};
+inline MiddleHalf middleHalf(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return {quantileOfSorted(values, 0.25), quantileOfSorted(values, 0.75)};
 }
 
 }  // namespace vela::bench

@@ -38,43 +38,24 @@ int main(int, char** argv) {
   for (int i = 0; i < calls; ++i) { marker = i; if (!session->locusDeviceId()) return 1; }
 }
 EOF
+
+# The bare loop is the benchmarks' own bare call, so both count the same work.
 cat >"$work/bare.cpp" <<EOF
 $common
-#include <systemd/sd-bus.h>
+#include "bare_call.h"
 int main(int, char** argv) {
   saveMaps(argv[2]);
   const int calls = std::stoi(argv[1]);
-  sd_bus* bus = nullptr;
-  if (sd_bus_open_system(&bus) < 0) return 2;
-  for (int i = 0; i < calls; ++i) {
-    marker = i;
-    sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    if (sd_bus_call_method(bus, "com.zentrex.VelaNotification", "/com/zentrex/VelaNotification",
-                           "com.zentrex.VelaNotification.HandsetActions", "GetLocusDeviceId", &error, &reply,
-                           "a{sv}", 0) < 0) return 1;
-    const char *key = nullptr, *value = nullptr;
-    sd_bus_message_enter_container(reply, 'a', "{sv}");
-    while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
-      sd_bus_message_read_basic(reply, 's', &key);
-      if (sd_bus_message_enter_container(reply, 'v', "s") > 0) {
-        sd_bus_message_read_basic(reply, 's', &value);
-        sd_bus_message_exit_container(reply);
-      } else {
-        sd_bus_message_skip(reply, "v");
-      }
-      sd_bus_message_exit_container(reply);
-    }
-    sd_bus_message_unref(reply);
-    sd_bus_error_free(&error);
-  }
-  sd_bus_flush_close_unref(bus);
+  vela::bench::BareConnection bare;
+  if (!bare.open()) return 2;
+  for (int i = 0; i < calls; ++i) { marker = i; if (!bare.locusDeviceId()) return 1; }
 }
 EOF
 c++ -std=c++20 -O2 -no-pie -I"$root/include" "$work/library.cpp" -o "$work/library" -L"$build/lib" \
   -lvelanotification -Wl,-rpath,"$build/lib"
 # shellcheck disable=SC2046  # pkg-config's flags are words
-c++ -std=c++20 -O2 -no-pie "$work/bare.cpp" -o "$work/bare" $(pkg-config --cflags --libs libsystemd)
+c++ -std=c++20 -O2 -no-pie -I"$root/include" -I"$root/src" -I"$root/bench" "$work/bare.cpp" \
+  "$root/bench/bare_call.cpp" -o "$work/bare" $(pkg-config --cflags --libs libsystemd)
 
 mkfifo "$work/bus.ready" "$work/velad.ready"
 dbus-daemon --config-file="$root/tests/support/bus.conf" --address="unix:path=$work/bus" --print-address=3 \
