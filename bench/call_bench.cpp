@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -377,56 +378,94 @@ void BM_AlternatingCpu(benchmark::State& state) {
   state.counters["ratio"] = median(std::move(ratios));
 }
 
-// Eight threads calling back to back, through one shared session or each
-// on a bare connection of its own, in alternate rounds of a quarter second,
-// so that both sides meet the same drift; the ratio is the median of the
-// rounds' ratios.
+// Threads that live through a whole comparison, as a program's threads do,
+// each with a bare connection of its own that has made its first call before
+// any round starts. Threads made afresh for every round counted their own
+// start-up too, which through one shared session takes longer to settle: the
+// library's share then depended on how long a round was.
+class RoundCallers {
+ public:
+  RoundCallers(int count, std::shared_ptr<VelaNotifySession> session)
+      : session_(std::move(session)), start_(count + 1), finish_(count + 1) {
+    threads_.reserve(static_cast<std::size_t>(count));
+    for (int t = 0; t < count; ++t) threads_.emplace_back([this] { serve(); });
+  }
+  ~RoundCallers() {
+    stopping_ = true;
+    start_.arrive_and_wait();
+    for (auto& thread : threads_) thread.join();
+  }
+  RoundCallers(const RoundCallers&) = delete;
+  RoundCallers& operator=(const RoundCallers&) = delete;
+  RoundCallers(RoundCallers&&) = delete;
+  RoundCallers& operator=(RoundCallers&&) = delete;
+
+  // Every thread calls back to back, through the session or its bare
+  // connection, for `length`. Returns the calls made, or -1 when one got no
+  // answer.
+  std::int64_t round(bool library, Clock::duration length) {
+    library_ = library;
+    calls_ = 0;
+    failed_ = false;
+    end_ = Clock::now() + length;
+    start_.arrive_and_wait();
+    finish_.arrive_and_wait();
+    return failed_ ? std::int64_t{-1} : calls_.load();
+  }
+
+ private:
+  void serve() {
+    BareConnection bare;
+    (void)bare.locusDeviceId();  // connects before the rounds; a failure shows in them
+    for (;;) {
+      start_.arrive_and_wait();
+      if (stopping_) return;
+      std::int64_t mine = 0;
+      while (Clock::now() < end_) {
+        const bool answered = library_ ? session_->locusDeviceId().has_value() : bare.locusDeviceId().has_value();
+        if (!answered) {
+          failed_ = true;
+          break;
+        }
+        ++mine;
+      }
+      calls_ += mine;
+      finish_.arrive_and_wait();
+    }
+  }
+
+  std::shared_ptr<VelaNotifySession> session_;
+  std::barrier<> start_;
+  std::barrier<> finish_;
+  // Written by the benchmark's thread before it meets the callers at start_.
+  bool library_ = true;
+  bool stopping_ = false;
+  Clock::time_point end_;
+  std::atomic<std::int64_t> calls_{0};
+  std::atomic<bool> failed_{false};
+  std::vector<std::thread> threads_;  // last: they start using the members above at once
+};
+
+// Eight threads calling back to back, through one shared session or each on
+// its own bare connection, in alternate rounds of a quarter second, so that
+// both sides meet the same drift; the ratio is the median of the rounds'
+// ratios.
 void BM_AlternatingThroughput(benchmark::State& state) {
   constexpr int kThreads = 8;
   constexpr auto kRound = std::chrono::milliseconds(250);
   prepareSteadyVelad(state);
-  auto session = VelaNotifySession::sharedInstance();
+  RoundCallers callers(kThreads, VelaNotifySession::sharedInstance());
   double libraryCpu = 0;
   double bareCpu = 0;
   double librarySwitches = 0;
   double bareSwitches = 0;
-  // Calls made by kThreads threads in one round; -1 when a call failed.
   const auto round = [&](bool library) {
-    std::atomic<std::int64_t> calls{0};
-    std::atomic<bool> failed{false};
-    std::latch ready(kThreads + 1);
-    std::atomic<bool> go{false};
-    Clock::time_point end;
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&] {
-        std::optional<BareConnection> bare;
-        if (!library) bare.emplace();
-        ready.count_down();
-        go.wait(false);
-        std::int64_t mine = 0;
-        while (Clock::now() < end) {
-          const std::optional<std::string> id = library ? session->locusDeviceId() : bare->locusDeviceId();
-          if (!id) {
-            failed = true;
-            break;
-          }
-          ++mine;
-        }
-        calls += mine;
-      });
-    }
-    ready.arrive_and_wait();
     const double cpuBefore = processCpuMicros();
     const long switchesBefore = voluntarySwitches();
-    end = Clock::now() + kRound;
-    go = true;
-    go.notify_all();
-    for (auto& thread : threads) thread.join();
+    const std::int64_t calls = callers.round(library, kRound);
     (library ? libraryCpu : bareCpu) += processCpuMicros() - cpuBefore;
     (library ? librarySwitches : bareSwitches) += static_cast<double>(voluntarySwitches() - switchesBefore);
-    return failed ? std::int64_t{-1} : calls.load();
+    return calls;
   };
   std::vector<double> ratios;
   double libraryCalls = 0;
