@@ -26,7 +26,6 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -277,8 +276,9 @@ struct Spread {
   double p90 = 0;
 };
 
-Spread spread(const std::vector<double>& values) {
-  return {vela::bench::median(values), vela::bench::quantile(values, 0.9)};
+Spread spread(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return {vela::bench::medianOfSorted(values), vela::bench::quantileOfSorted(values, 0.9)};
 }
 
 // One quantity (wall or CPU time) over all rounds.

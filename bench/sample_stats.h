@@ -10,25 +10,28 @@
 
 namespace vela::bench {
 
-// The mean of the middle two for an even count; 0 for no values.
-inline double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t mid = values.size() / 2;
-  return values.size() % 2 != 0 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
+// The 0-based place of the nearest-rank quantile among `count` (> 0) sorted
+// values: the smallest value that at least `fraction` of them do not exceed.
+inline std::size_t nearestRank(std::size_t count, double fraction) {
+  const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(count)));
+  return std::clamp<std::size_t>(rank, 1, count) - 1;
 }
 
-// Nearest rank: the smallest value that at least `fraction` of the values
-// do not exceed; 0 for no values. `sorted` is in ascending order.
+// `sorted` is in ascending order; 0 for no values.
 inline double quantileOfSorted(const std::vector<double>& sorted, double fraction) {
-  if (sorted.empty()) return 0;
-  const auto rank = static_cast<std::size_t>(std::ceil(fraction * static_cast<double>(sorted.size())));
-  return sorted[std::clamp<std::size_t>(rank, 1, sorted.size()) - 1];
+  return sorted.empty() ? 0 : sorted[nearestRank(sorted.size(), fraction)];
 }
 
-inline double quantile(std::vector<double> values, double fraction) {
+// The mean of the middle two for an even count; 0 for no values.
+inline double medianOfSorted(const std::vector<double>& sorted) {
+  if (sorted.empty()) return 0;
+  const std::size_t mid = sorted.size() / 2;
+  return sorted.size() % 2 != 0 ? sorted[mid] : (sorted[mid - 1] + sorted[mid]) / 2;
+}
+
+inline double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
-  return quantileOfSorted(values, fraction);
+  return medianOfSorted(values);
 }
 
 // Where the middle half of the values lie: the first and third quartiles.
