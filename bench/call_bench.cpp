@@ -493,10 +493,10 @@ void BM_AlternatingThroughput(benchmark::State& state) {
   const double seconds = std::chrono::duration<double>(kRound).count() * static_cast<double>(ratios.size());
   state.counters["vela_per_s"] = seconds > 0 ? libraryCalls / seconds : 0;
   state.counters["bare_per_s"] = seconds > 0 ? bareCalls / seconds : 0;
-  const vela::bench::MiddleHalf middle = vela::bench::middleHalf(ratios);
-  state.counters["ratio_q1"] = middle.low;
-  state.counters["ratio_q3"] = middle.high;
-  state.counters["ratio"] = median(std::move(ratios));
+  const vela::bench::MedianAndMiddleHalf ratio = vela::bench::medianAndMiddleHalf(std::move(ratios));
+  state.counters["ratio"] = ratio.median;
+  state.counters["ratio_q1"] = ratio.low;
+  state.counters["ratio_q3"] = ratio.high;
   state.counters["vela_cpu_us"] = libraryCalls > 0 ? libraryCpu / libraryCalls : 0;
   state.counters["bare_cpu_us"] = bareCalls > 0 ? bareCpu / bareCalls : 0;
   state.counters["vela_switches"] = libraryCalls > 0 ? librarySwitches / libraryCalls : 0;

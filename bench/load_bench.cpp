@@ -622,10 +622,10 @@ Comparison compare(const Configuration& config) {
   for (std::size_t m = 0; m < kMetricCount; ++m) {
     comparison.library[m] = median(std::move(library[m]));
     comparison.bare[m] = median(std::move(bare[m]));
-    const vela::bench::MiddleHalf middle = vela::bench::middleHalf(ratios[m]);
-    comparison.ratioQ1[m] = middle.low;
-    comparison.ratioQ3[m] = middle.high;
-    comparison.ratio[m] = median(std::move(ratios[m]));
+    const vela::bench::MedianAndMiddleHalf ratio = vela::bench::medianAndMiddleHalf(std::move(ratios[m]));
+    comparison.ratio[m] = ratio.median;
+    comparison.ratioQ1[m] = ratio.low;
+    comparison.ratioQ3[m] = ratio.high;
   }
   return comparison;
 }

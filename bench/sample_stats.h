@@ -34,17 +34,18 @@ inline double median(std::vector<double> values) {
   return medianOfSorted(values);
 }
 
-// Where the middle half of the values lie: the first and third quartiles.
-// Beside a median, it tells a ratio near its target from the machine's
-// noise.
-struct MiddleHalf {
+// A median and where the middle half of the values lie (the first and third
+// quartiles), from one sort. Beside a median, the middle half tells a ratio
+// near its target from the machine's noise.
+struct MedianAndMiddleHalf {
+  double median = 0;
   double low = 0;
   double high = 0;
 };
 
-inline MiddleHalf middleHalf(std::vector<double> values) {
+inline MedianAndMiddleHalf medianAndMiddleHalf(std::vector<double> values) {
   std::sort(values.begin(), values.end());
-  return {quantileOfSorted(values, 0.25), quantileOfSorted(values, 0.75)};
+  return {medianOfSorted(values), quantileOfSorted(values, 0.25), quantileOfSorted(values, 0.75)};
 }
 
 }  // namespace vela::bench
